@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds, and runs every test: the whole suite in the default
+# build, then the tests labelled "asan" again under AddressSanitizer + UBSan.
+# Set VELOCAST_SKIP_ASAN=1 to run only the default build (quicker while working).
+set -euo pipefail
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$root"
+start=$(date +%s)
+bash scripts/install-deps.sh
+
+bash scripts/build.sh default
+
+# Real services for the tests, torn down whatever happens.
+RT=$(mktemp -d /tmp/velocast-svc.XXXXXX)
+chmod 755 "$RT"
+cleanup() { bash "$root/scripts/services.sh" stop "$RT" || true; rm -rf "$RT"; }
+trap cleanup EXIT
+VC_NETNS="velocast-svc-$$" bash scripts/services.sh start "$RT"
+# shellcheck disable=SC1091
+source "$RT/env"
+
+status=0
+ctest --preset default -j2 || status=1
+
+if [ "${VELOCAST_SKIP_ASAN:-0}" != 1 ]; then
+    # The sanitizer run covers the code with threads and buffers. Its executables are the
+    # test targets named in tests/sanitize-targets.txt.
+    mapfile -t targets < <(grep -vE '^\s*(#|$)' tests/sanitize-targets.txt)
+    bash scripts/build.sh asan --target "${targets[@]}"
+    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+        ctest --preset asan -L asan -j2 || status=1
+fi
+echo "test.sh: finished in $(( $(date +%s) - start )) s, status $status"
+exit $status

@@ -1,0 +1,42 @@
+#include "common/preferences.h"
+
+#include <QDir>
+#include <QSettings>
+
+#include "support/test_support.h"
+
+#include <gtest/gtest.h>
+
+using namespace velocast;
+
+namespace {
+
+TEST(Preferences, LiveUnderTheTestConfigDirectoryNotTheUsers)
+{
+    const QString config = qEnvironmentVariable("XDG_CONFIG_HOME");
+    ASSERT_FALSE(config.isEmpty());
+    EXPECT_TRUE(Preferences::fileName().startsWith(config)) << Preferences::fileName().toStdString();
+    EXPECT_FALSE(Preferences::fileName().startsWith(QDir::homePath() + "/.config"));
+}
+
+TEST(Preferences, DisplayNameFallsBackToHostNameUnlessAStringIsStored)
+{
+    Preferences::remove(prefkey::USERNAME);
+    const QString host = LocalizedHostName();
+    EXPECT_FALSE(host.isEmpty());
+    EXPECT_EQ(CurrentDisplayName(), host);
+
+    SaveDisplayName(QStringLiteral("客厅的电脑 #1;a,b"));
+    EXPECT_EQ(CurrentDisplayName(), QStringLiteral("客厅的电脑 #1;a,b"));
+    // Round-trips through the file too.
+    QSettings raw(Preferences::fileName(), QSettings::IniFormat);
+    EXPECT_EQ(raw.value(prefkey::USERNAME).toString(), QStringLiteral("客厅的电脑 #1;a,b"));
+
+    SaveDisplayName(QString());
+    EXPECT_EQ(CurrentDisplayName(), host);
+    Preferences::setValue(prefkey::USERNAME, QStringList{"a", "b"});
+    EXPECT_EQ(CurrentDisplayName(), host);
+    Preferences::remove(prefkey::USERNAME);
+}
+
+} // namespace
