@@ -1,0 +1,247 @@
+// The receiver's control side: framing across reads, message parsing, the messages it
+// writes, the connect code and the command language.
+#include "commands.h"
+#include "connect_code.h"
+#include "control_framing.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <gtest/gtest.h>
+
+using namespace velocast::receiver;
+
+namespace {
+
+// A sender-style message: pretty-printed JSON with the envelope, then '#'.
+QByteArray senderMessage(const QString &id, const QJsonObject &property)
+{
+    QJsonObject o{{"id", id}, {"property", property}, {"from", 2}, {"to", 5}, {"uuid", "0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0"}};
+    return QJsonDocument(o).toJson(QJsonDocument::Indented) + "#";
+}
+
+QStringList idsOf(const QList<QByteArray> &pieces)
+{
+    QStringList ids;
+    for (const QByteArray &p : pieces) {
+        const ParseResult r = parseMessage(p);
+        ids << (r.ok() ? r.message.id : QString::fromLatin1(parseErrorName(r.error)));
+    }
+    return ids;
+}
+
+} // namespace
+
+TEST(MessageFramer, ReassemblesMessagesSplitAtEveryPosition)
+{
+    const QByteArray stream = senderMessage("id_connect_request", {{"name", "desk 名前"}, {"safe_code", "3"}, {"ip", "10.0.0.2"}})
+        + senderMessage("id_heartbeat", {{"timestamp", 1700000000}});
+    for (qsizetype cut = 0; cut <= stream.size(); ++cut) {
+        MessageFramer f;
+        QList<QByteArray> pieces = f.feed(stream.left(cut));
+        pieces += f.feed(stream.mid(cut));
+        ASSERT_EQ(idsOf(pieces), (QStringList{"id_connect_request", "id_heartbeat"})) << "cut at " << cut;
+        EXPECT_EQ(f.pendingBytes(), 0);
+    }
+}
+
+TEST(MessageFramer, ByteByByteAndSeveralPerReadGiveTheSameMessages)
+{
+    QByteArray stream;
+    for (int i = 0; i < 5; ++i) stream += senderMessage(QStringLiteral("id_%1").arg(i), {});
+    MessageFramer oneRead;
+    const QStringList all = idsOf(oneRead.feed(stream));
+    EXPECT_EQ(all, (QStringList{"id_0", "id_1", "id_2", "id_3", "id_4"}));
+    MessageFramer byteWise;
+    QList<QByteArray> pieces;
+    for (char c : stream) pieces += byteWise.feed(QByteArray(1, c));
+    EXPECT_EQ(idsOf(pieces), all);
+}
+
+TEST(MessageFramer, GarbageBetweenMessagesIsOnePieceEach)
+{
+    MessageFramer f;
+    const QByteArray stream = "\x01\x02garbage#" + senderMessage("id_rename", {{"name", "a"}}) + "{\"id\": 3}#[1,2]#\xc3\x28#"
+        + senderMessage("id_permission_request", {{"type", 2}}) + "\n  \n#";
+    EXPECT_EQ(idsOf(f.feed(stream)),
+              (QStringList{"bad_json", "id_rename", "missing_id", "not_an_object", "bad_utf8", "id_permission_request"}));
+}
+
+TEST(MessageFramer, OversizedMessageIsDroppedOnceAndTheStreamRecovers)
+{
+    MessageFramer f(256);
+    QByteArray big(1000, 'x');
+    QList<QByteArray> pieces;
+    // The long message arrives in several reads; the buffer never holds more than the cap.
+    for (int i = 0; i < 10; ++i) {
+        pieces += f.feed(big.mid(i * 100, 100));
+        EXPECT_LE(f.pendingBytes(), 256);
+    }
+    pieces += f.feed("tail#" + senderMessage("id_rename", {{"name", "after"}}));
+    EXPECT_EQ(f.oversizedCount(), 1);
+    EXPECT_EQ(idsOf(pieces), QStringList{"id_rename"});
+    // A message of exactly the cap still passes.
+    MessageFramer g(20);
+    EXPECT_EQ(g.feed(QByteArray(R"({"id":"id_x12345678})") + "#").size(), 1);
+    EXPECT_EQ(g.oversizedCount(), 0);
+}
+
+TEST(MessageFramer, UnterminatedTailIsKeptForTheEndOfStream)
+{
+    MessageFramer f;
+    EXPECT_TRUE(f.feed(R"({"id":"id_heartbeat"})").isEmpty());
+    EXPECT_EQ(f.takePending(), QByteArray(R"({"id":"id_heartbeat"})"));
+    EXPECT_EQ(f.pendingBytes(), 0);
+}
+
+TEST(Utf8, AcceptsWellFormedAndRejectsMalformedSequences)
+{
+    EXPECT_TRUE(isValidUtf8(QString::fromUtf8("ascii 中文 😀 é").toUtf8()));
+    const char *bad[] = {
+        "\xc3",             // cut two-byte sequence
+        "\xe4\xb8",         // cut three-byte sequence
+        "\x80",             // continuation without a lead
+        "\xc0\xaf",         // overlong '/'
+        "\xe0\x80\xaf",     // overlong three-byte form
+        "\xed\xa0\x80",     // UTF-16 surrogate
+        "\xf4\x90\x80\x80", // above U+10FFFF
+        "\xff",
+    };
+    for (const char *b : bad) EXPECT_FALSE(isValidUtf8(QByteArray(b))) << QByteArray(b).toHex().constData();
+}
+
+TEST(ParseMessage, ReadsIdAndPropertyAndIgnoresTheEnvelope)
+{
+    const ParseResult r = parseMessage(senderMessage("id_connect_request", {{"name", "pc"}, {"safe_code", "7"}, {"ip", "192.168.3.9"}}).chopped(1));
+    ASSERT_TRUE(r.ok());
+    EXPECT_EQ(r.message.id, "id_connect_request");
+    EXPECT_EQ(lenientInt(r.message.property, "safe_code"), 7);
+    EXPECT_EQ(r.message.property.value("ip").toString(), "192.168.3.9");
+    // A property that is not an object reads as empty.
+    const ParseResult s = parseMessage(R"({"id":"id_video_pause","property":[1]})");
+    ASSERT_TRUE(s.ok());
+    EXPECT_TRUE(s.message.property.isEmpty());
+    EXPECT_EQ(parseMessage(R"({"id":5})").error, ParseError::MissingId);
+    EXPECT_EQ(parseMessage(R"({"id":"x",)").error, ParseError::BadJson);
+}
+
+TEST(LenientInt, NumbersStringsAndBooleansServe)
+{
+    const QJsonObject o{{"n", 2.9}, {"s", " 2 "}, {"f", "-3.7"}, {"b", true}, {"x", "abc"}, {"a", QJsonArray{1}}, {"big", 1e300}};
+    EXPECT_EQ(lenientInt(o, "n"), 2);
+    EXPECT_EQ(lenientInt(o, "s"), 2);
+    EXPECT_EQ(lenientInt(o, "f"), -3);
+    EXPECT_EQ(lenientInt(o, "b"), 1);
+    EXPECT_EQ(lenientInt(o, "x"), 0);
+    EXPECT_EQ(lenientInt(o, "a"), 0);
+    EXPECT_EQ(lenientInt(o, "missing"), 0);
+    EXPECT_EQ(lenientInt(o, "big"), std::numeric_limits<qint64>::max());
+}
+
+TEST(FrameMessage, OneCompactObjectWithHashAndSizeLimit)
+{
+    EXPECT_EQ(frameMessage("id_connect_allow", {{"name", "TV"}}), QByteArray(R"({"id":"id_connect_allow","property":{"name":"TV"}}#)"));
+    // A '#' in a value would cut the message on the sender's side: refused.
+    EXPECT_TRUE(frameMessage("id_rename", {{"name", "room #2"}}).isEmpty());
+    // Messages must stay well under 1024 bytes.
+    EXPECT_TRUE(frameMessage("id_rename", {{"name", QString(1000, 'n')}}).isEmpty());
+    const QByteArray longest = frameMessage("id_rename", {{"name", QString(900, 'n')}});
+    ASSERT_FALSE(longest.isEmpty());
+    EXPECT_LT(longest.size(), kMaxOutgoingBytes);
+}
+
+TEST(ConnectCode, SafeCodeAndLastTwoOctets)
+{
+    struct Case {
+        const char *ip;
+        int safe;
+        const char *code; // nullptr: no code
+    } cases[] = {
+        {"192.168.0.0", 0, "000000"},
+        {"10.0.66.63", 15, "999999"},
+        {"172.16.1.1", 1, "065793"},
+        {"192.168.1.20", 3, "196884"}, // 3*65536 + 1*256 + 20
+        {"10.0.66.64", 15, nullptr},   // 1000000 does not fit six digits
+        {"10.0.0.1", 16, nullptr},
+        {"10.0.0.1", -1, nullptr},
+        {"::1", 1, nullptr},
+    };
+    for (const Case &c : cases) {
+        const auto code = connectCode(QHostAddress(QString::fromLatin1(c.ip)), c.safe);
+        if (c.code)
+            EXPECT_EQ(code.value_or("none"), QString::fromLatin1(c.code)) << c.ip << " " << c.safe;
+        else
+            EXPECT_FALSE(code.has_value()) << c.ip << " " << c.safe;
+    }
+    EXPECT_EQ(largestSafeCode(QHostAddress("10.0.66.63")), 15);
+    EXPECT_EQ(largestSafeCode(QHostAddress("10.0.255.255")), 14);
+}
+
+TEST(Commands, SteeringCommandsBuildTheirMessages)
+{
+    CommandDefaults d;
+    d.name = "Living room";
+    d.areaWidth = 1280;
+    d.areaHeight = 720;
+    struct Case {
+        const char *line;
+        const char *json; // the messages as a JSON array of {"id","property"}
+    } cases[] = {
+        {"allow", R"([{"id":"id_connect_allow","property":{"name":"Living room"}}])"},
+        {"allow Other TV", R"([{"id":"id_connect_allow","property":{"name":"Other TV"}}])"},
+        {"refuse 1", R"([{"id":"id_connect_refuse","property":{"msg":1}}])"},
+        {"wait", R"([{"id":"id_permission_wait","property":{}}])"},
+        {"grant", R"([{"id":"id_permission_allow","property":{}}])"},
+        {"deny", R"([{"id":"id_permission_refuse","property":{"type":2}}])"},
+        {"resize 4", R"([{"id":"id_codec_resize","property":{"type":2,"count":4}}])"},
+        {"pause", R"([{"id":"id_video_pause","property":{"pause":true}}])"},
+        {"resume", R"([{"id":"id_video_pause","property":{"pause":false}}])"},
+        {"audio on", R"([{"id":"id_audio_ctrl","property":{"type":1}}])"},
+        {"audio 0", R"([{"id":"id_audio_ctrl","property":{"type":0}}])"},
+        {"mouse 8 10 20", R"([{"id":"id_pc_mk_event","property":{"type":8,"x":10,"y":20,"width":1280,"height":720,"wheel_x":0,"wheel_y":0}}])"},
+        {"mouse 9 0 0 640 360 -2 3", R"([{"id":"id_pc_mk_event","property":{"type":9,"x":0,"y":0,"width":640,"height":360,"wheel_x":-2,"wheel_y":3}}])"},
+        {"click 5 6", R"([{"id":"id_pc_mk_event","property":{"type":1,"x":5,"y":6,"width":1280,"height":720,"wheel_x":0,"wheel_y":0}},
+                          {"id":"id_pc_mk_event","property":{"type":2,"x":5,"y":6,"width":1280,"height":720,"wheel_x":0,"wheel_y":0}}])"},
+        {"rename  Big  Screen ", R"([{"id":"id_rename","property":{"name":"Big  Screen"}}])"},
+        {"stop", R"([{"id":"id_permission_disconnect","property":{"type":2}}])"},
+        {"airplay-succeed", R"([{"id":"id_airplay_screen_succeed","property":{}}])"},
+        {"send id_custom {\"a\": [1, \"b\"]}", R"([{"id":"id_custom","property":{"a":[1,"b"]}}])"},
+    };
+    for (const Case &c : cases) {
+        const Command cmd = parseCommand(QString::fromUtf8(c.line), d);
+        ASSERT_EQ(cmd.kind, CommandKind::Send) << c.line << ": " << cmd.error.toStdString();
+        QJsonArray got;
+        for (const OutgoingMessage &m : cmd.messages) got.append(QJsonObject{{"id", m.id}, {"property", m.property}});
+        EXPECT_EQ(got, QJsonDocument::fromJson(c.json).array()) << c.line;
+    }
+}
+
+TEST(Commands, AirplayConfigCarriesTxtDictionariesAndPortWithinOneMessage)
+{
+    CommandDefaults d;
+    const Command c = parseCommand("airplay-config 7100", d);
+    ASSERT_EQ(c.kind, CommandKind::Send);
+    const QJsonObject p = c.messages.value(0).property;
+    EXPECT_EQ(c.messages.value(0).id, "id_airplay_config");
+    EXPECT_EQ(p.value("port").toInt(), 7100);
+    EXPECT_EQ(p.value("airplay_txt").toObject().value("deviceid").toString(), d.airplayDeviceId);
+    EXPECT_FALSE(p.value("airtunes_txt").toObject().isEmpty());
+    EXPECT_FALSE(frameMessage(c.messages[0].id, p).isEmpty());
+}
+
+TEST(Commands, ControlCommandsAndErrors)
+{
+    CommandDefaults d;
+    EXPECT_EQ(parseCommand("", d).kind, CommandKind::Nothing);
+    EXPECT_EQ(parseCommand("  # a comment", d).kind, CommandKind::Nothing);
+    EXPECT_EQ(parseCommand("close", d).kind, CommandKind::Close);
+    const Command hb = parseCommand("heartbeat off", d);
+    EXPECT_EQ(hb.kind, CommandKind::Heartbeat);
+    EXPECT_FALSE(hb.flag);
+    const Command aw = parseCommand("await id_permission_request 500", d);
+    EXPECT_EQ(aw.kind, CommandKind::Await);
+    EXPECT_EQ(aw.text, "id_permission_request");
+    EXPECT_EQ(aw.number, 500);
+    for (const char *bad : {"resize", "resize x", "mouse 1 2", "mouse 1 2 3 4", "audio maybe", "sleep -1", "heartbeat",
+                            "send id_x [1]", "send id_x {", "airplay-config 70000", "mouse 1 2 99999999999 3 4", "frobnicate"})
+        EXPECT_EQ(parseCommand(bad, d).kind, CommandKind::Invalid) << bad;
+}

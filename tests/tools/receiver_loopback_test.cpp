@@ -1,0 +1,435 @@
+// End to end over loopback: the velocast-receiver program against a small client that
+// plays the sender's part with real H.264 and AAC made by GStreamer; the written files
+// are then checked with ffprobe. A second test drives the receiver in-process with
+// hostile input.
+#include "control_framing.h"
+#include "push/media_wire_format.h"
+#include "receiver.h"
+
+#include "support/test_support.h"
+
+#include <QDir>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTcpSocket>
+#include <QUdpSocket>
+
+#include <gst/app/gstappsink.h>
+#include <gst/gst.h>
+#include <gtest/gtest.h>
+
+using namespace velocast::receiver;
+using velocast::test::waitUntil;
+namespace wire = velocast::wire;
+
+namespace {
+
+// ---------------------------------------------------------------------------------------
+// Media made with GStreamer, in the form the sender pushes it.
+
+struct EncodedVideo {
+    QList<QByteArray> units; // Annex-B access units, SPS and PPS in front of key frames
+    QList<bool> keys;
+};
+
+struct PipelineDeleter {
+    void operator()(GstElement *p) const
+    {
+        gst_element_set_state(p, GST_STATE_NULL);
+        gst_object_unref(p);
+    }
+};
+using PipelinePtr = std::unique_ptr<GstElement, PipelineDeleter>;
+
+// Pulls every sample of an appsink named "out" until end of stream.
+template <typename F>
+bool pullAll(const char *description, F &&onSample)
+{
+    static const bool initialised = [] {
+        gst_init(nullptr, nullptr);
+        return true;
+    }();
+    (void)initialised;
+    GError *error = nullptr;
+    PipelinePtr pipeline(gst_parse_launch(description, &error));
+    if (!pipeline || error) {
+        if (error) g_error_free(error);
+        return false;
+    }
+    GstElement *sink = gst_bin_get_by_name(GST_BIN(pipeline.get()), "out");
+    if (!sink) return false;
+    gst_element_set_state(pipeline.get(), GST_STATE_PLAYING);
+    bool ok = true;
+    while (GstSample *sample = gst_app_sink_pull_sample(GST_APP_SINK(sink))) {
+        ok = onSample(sample) && ok;
+        gst_sample_unref(sample);
+    }
+    gst_object_unref(sink);
+    return ok;
+}
+
+// avcC (codec_data) -> SPS and PPS; each AVCC sample (4-byte lengths) -> Annex-B.
+EncodedVideo encodeVideo(int frames)
+{
+    EncodedVideo v;
+    const QByteArray desc = QStringLiteral(
+        "videotestsrc num-buffers=%1 pattern=ball ! video/x-raw,width=320,height=240,framerate=30/1 ! "
+        "x264enc speed-preset=ultrafast tune=zerolatency key-int-max=10 bframes=0 threads=1 aud=false "
+        "option-string=repeat-headers=0 ! video/x-h264,profile=baseline,stream-format=avc,alignment=au ! "
+        "appsink name=out sync=false").arg(frames).toUtf8();
+    const QByteArray start = QByteArray::fromHex("00000001");
+    QByteArray sps, pps;
+    pullAll(desc.constData(), [&](GstSample *sample) {
+        if (sps.isEmpty()) {
+            const GValue *cd = gst_structure_get_value(gst_caps_get_structure(gst_sample_get_caps(sample), 0), "codec_data");
+            if (!cd) return false;
+            GstBuffer *b = gst_value_get_buffer(cd);
+            GstMapInfo m;
+            gst_buffer_map(b, &m, GST_MAP_READ);
+            const QByteArray avcc(reinterpret_cast<const char *>(m.data), qsizetype(m.size));
+            gst_buffer_unmap(b, &m);
+            // [5]&0x1f SPS count, u16 length, SPS, PPS count, u16 length, PPS
+            if (avcc.size() < 8) return false;
+            const int spsLen = (uchar(avcc[6]) << 8) | uchar(avcc[7]);
+            sps = avcc.mid(8, spsLen);
+            const qsizetype p = 8 + spsLen + 1;
+            if (avcc.size() < p + 2) return false;
+            pps = avcc.mid(p + 2, (uchar(avcc[p]) << 8) | uchar(avcc[p + 1]));
+        }
+        GstBuffer *b = gst_sample_get_buffer(sample);
+        const bool key = !GST_BUFFER_FLAG_IS_SET(b, GST_BUFFER_FLAG_DELTA_UNIT);
+        GstMapInfo m;
+        gst_buffer_map(b, &m, GST_MAP_READ);
+        QByteArray au = key ? start + sps + start + pps : QByteArray();
+        for (gsize off = 0; off + 4 <= m.size;) {
+            const gsize len = (gsize(m.data[off]) << 24) | (m.data[off + 1] << 16) | (m.data[off + 2] << 8) | m.data[off + 3];
+            if (off + 4 + len > m.size) break;
+            au += start + QByteArray(reinterpret_cast<const char *>(m.data + off + 4), qsizetype(len));
+            off += 4 + len;
+        }
+        gst_buffer_unmap(b, &m);
+        v.units.append(au);
+        v.keys.append(key);
+        return true;
+    });
+    return v;
+}
+
+// Raw AAC LC access units behind the sender's fixed 7-byte ADTS header.
+QList<QByteArray> encodeAudio(int frames)
+{
+    QList<QByteArray> out;
+    const QByteArray desc = QStringLiteral(
+        "audiotestsrc num-buffers=%1 samplesperbuffer=1024 wave=sine ! audio/x-raw,rate=44100,channels=2 ! "
+        "voaacenc bitrate=128000 ! audio/mpeg,mpegversion=4,stream-format=raw ! appsink name=out sync=false").arg(frames).toUtf8();
+    pullAll(desc.constData(), [&](GstSample *sample) {
+        GstBuffer *b = gst_sample_get_buffer(sample);
+        GstMapInfo m;
+        gst_buffer_map(b, &m, GST_MAP_READ);
+        const int fl = int(m.size) + 7;
+        QByteArray f(7, 0);
+        f[0] = char(0xFF), f[1] = char(0xF9), f[2] = char(0x50), f[3] = char(0x80 ^ (fl >> 11));
+        f[4] = char(fl >> 3), f[5] = char((fl << 5) | 0x1F), f[6] = char(0xFC);
+        f += QByteArray(reinterpret_cast<const char *>(m.data), qsizetype(m.size));
+        gst_buffer_unmap(b, &m);
+        out.append(f);
+        return true;
+    });
+    return out;
+}
+
+QByteArray videoRecord(const QByteArray &au, bool key)
+{
+    wire::VideoRecordHeader h;
+    h.payloadLength = uint32_t(au.size());
+    h.keyFlag = key ? 1 : 0;
+    QByteArray r(int(wire::kRecordHeaderSize), 0);
+    wire::writeVideoRecordHeader(reinterpret_cast<uint8_t *>(r.data()), h);
+    return r + au;
+}
+
+// ---------------------------------------------------------------------------------------
+// The client's side of the control channel.
+
+class ControlClient {
+public:
+    bool connectTo(quint16 port)
+    {
+        socket.connectToHost(QHostAddress::LocalHost, port);
+        return waitUntil([&] { return socket.state() == QAbstractSocket::ConnectedState; });
+    }
+    void send(const QString &id, const QJsonObject &property)
+    {
+        const QJsonObject o{{"id", id}, {"property", property}, {"from", 2}, {"to", 5}, {"uuid", "5C0FFEE0-0000-4000-8000-000000000001"}};
+        socket.write(QJsonDocument(o).toJson(QJsonDocument::Indented) + "#");
+    }
+    // The next message from the receiver (reassembled across reads), or an empty id.
+    ControlMessage next()
+    {
+        waitUntil([&] {
+            if (socket.bytesAvailable() > 0)
+                for (const QByteArray &p : framer.feed(socket.readAll())) received.append(p);
+            return !received.isEmpty();
+        });
+        if (received.isEmpty()) return {};
+        const QByteArray piece = received.takeFirst();
+        EXPECT_LT(piece.size() + 1, 1024);
+        const ParseResult r = parseMessage(piece);
+        EXPECT_TRUE(r.ok()) << piece.constData();
+        return r.message;
+    }
+    QTcpSocket socket;
+    MessageFramer framer;
+    QList<QByteArray> received;
+};
+
+// Follows a JSON-lines event log file.
+class EventFollower {
+public:
+    explicit EventFollower(QString path) : path_(std::move(path)) {}
+    void poll()
+    {
+        QFile f(path_);
+        if (!f.open(QIODevice::ReadOnly)) return;
+        f.seek(offset_);
+        const QByteArray data = f.readAll();
+        // Only whole lines; a line being written is read on the next poll.
+        const qsizetype end = data.lastIndexOf('\n') + 1;
+        offset_ += end;
+        for (const QByteArray &line : data.left(end).split('\n'))
+            if (!line.isEmpty()) events.append(QJsonDocument::fromJson(line).object());
+    }
+    int count(const QString &event, const QString &id = {})
+    {
+        poll();
+        int n = 0;
+        for (const QJsonObject &e : events)
+            if (e.value("event").toString() == event && (id.isEmpty() || e.value("id").toString() == id)) ++n;
+        return n;
+    }
+    QJsonObject last(const QString &event)
+    {
+        poll();
+        for (auto it = events.crbegin(); it != events.crend(); ++it)
+            if (it->value("event").toString() == event) return *it;
+        return {};
+    }
+    QList<QJsonObject> events;
+
+private:
+    QString path_;
+    qint64 offset_ = 0;
+};
+
+QJsonObject ffprobe(const QString &file, const QString &streamEntries)
+{
+    QProcess p;
+    p.start("ffprobe", {"-v", "error", "-count_frames", "-show_entries", "stream=" + streamEntries, "-of", "json", file});
+    if (!p.waitForFinished(60000) || p.exitCode() != 0) return {{"error", QString::fromUtf8(p.readAllStandardError())}};
+    return QJsonDocument::fromJson(p.readAllStandardOutput()).object().value("streams").toArray().first().toObject();
+}
+
+} // namespace
+
+TEST(ReceiverLoopback, AdmitsPermitsSteersAndWritesDecodableFiles)
+{
+    if (QStandardPaths::findExecutable("ffprobe").isEmpty()) GTEST_SKIP() << "ffprobe (Debian package ffmpeg) is not installed";
+    const EncodedVideo video = encodeVideo(45);
+    const QList<QByteArray> audio = encodeAudio(60);
+    ASSERT_EQ(video.units.size(), 45) << "GStreamer x264enc did not produce the test stream";
+    ASSERT_EQ(audio.size(), 60) << "GStreamer voaacenc did not produce the test audio";
+
+    const QString dir = velocast::test::freshTempDir();
+    const QString logPath = QDir(dir).filePath("events.jsonl");
+    const QString outDir = QDir(dir).filePath("out");
+    QProcess receiver;
+    receiver.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    receiver.start(VELOCAST_RECEIVER_BINARY,
+                   {"--bind", "127.0.0.1", "--control-port", "0", "--media-port", "0", "--address", "127.0.0.1", "--safe-code", "3",
+                    "--name", "Test Screen", "--permission-wait", "50", "--event-log", logPath, "--output-dir", outDir, "--log-frames",
+                    "--quiet", "--area", "1280x720"});
+    ASSERT_TRUE(receiver.waitForStarted());
+    EventFollower log(logPath);
+    ASSERT_TRUE(waitUntil([&] { return log.count("listening") == 1; }, std::chrono::seconds(10)));
+    const QJsonObject listening = log.last("listening");
+    EXPECT_EQ(listening.value("code").toString(), "196609"); // 3 * 65536 + 0 * 256 + 1
+    const auto controlPort = quint16(listening.value("control_port").toInt());
+    const auto mediaPort = quint16(listening.value("media_port").toInt());
+    ASSERT_NE(controlPort, 0);
+    ASSERT_NE(mediaPort, 0);
+
+    // Admission, heartbeat, permission with a wait first.
+    ControlClient client;
+    ASSERT_TRUE(client.connectTo(controlPort));
+    client.send("id_connect_request", {{"name", "Test PC"}, {"safe_code", "3"}, {"ip", "127.0.0.1"}});
+    ControlMessage m = client.next();
+    EXPECT_EQ(m.id, "id_connect_allow");
+    EXPECT_EQ(m.property.value("name").toString(), "Test Screen");
+    client.send("id_heartbeat", {{"timestamp", 1700000001}});
+    m = client.next();
+    EXPECT_EQ(m.id, "id_heartbeat");
+    client.send("id_permission_request", {{"type", 2}});
+    EXPECT_EQ(client.next().id, "id_permission_wait");
+    EXPECT_EQ(client.next().id, "id_permission_allow");
+
+    // The cast: video records over TCP, audio datagrams over UDP to the same port.
+    QTcpSocket media;
+    media.connectToHost(QHostAddress::LocalHost, mediaPort);
+    ASSERT_TRUE(waitUntil([&] { return media.state() == QAbstractSocket::ConnectedState; }));
+    QUdpSocket udp;
+    uint16_t seq = 0;
+    for (int i = 0; i < 60; ++i) {
+        if (i < video.units.size()) media.write(videoRecord(video.units[i], video.keys[i]));
+        const QByteArray &frame = audio[i];
+        for (qsizetype off = 0; off < frame.size(); off += qsizetype(wire::kMaxDatagramPayload)) {
+            wire::DatagramHeader h;
+            h.type = wire::kDatagramTypeAudio;
+            h.firstPiece = h.lastPiece = true;
+            h.sequence = seq++;
+            QByteArray d(4, 0);
+            wire::writeDatagramHeader(reinterpret_cast<uint8_t *>(d.data()), h);
+            ASSERT_GT(udp.writeDatagram(d + frame.mid(off, qsizetype(wire::kMaxDatagramPayload)), QHostAddress::LocalHost, mediaPort), 0);
+        }
+        // Let the receiver keep up so that no datagram is lost in the socket buffer.
+        ASSERT_TRUE(waitUntil([&] { return log.count("audio_frame") == i + 1; })) << "audio frame " << i;
+    }
+    ASSERT_TRUE(waitUntil([&] { return log.count("video_frame") == 45; }));
+    media.disconnectFromHost();
+    ASSERT_TRUE(waitUntil([&] { return log.count("media_closed") == 1; }));
+
+    // Steering on command, through standard input.
+    receiver.write("resize 4\npause\nresume\naudio on\nmouse 1 10 20\nwheel 0 -3\nrename Big Screen\n"
+                   "airplay-config 7100\nairplay-succeed\nstop\n");
+    const QStringList steering{"id_codec_resize", "id_video_pause", "id_video_pause", "id_audio_ctrl", "id_pc_mk_event",
+                               "id_pc_mk_event",  "id_rename",      "id_airplay_config", "id_airplay_screen_succeed",
+                               "id_permission_disconnect"};
+    QList<ControlMessage> got;
+    for (int i = 0; i < steering.size(); ++i) got.append(client.next());
+    QStringList ids;
+    for (const auto &g : got) ids << g.id;
+    EXPECT_EQ(ids, steering);
+    EXPECT_EQ(got[0].property, (QJsonObject{{"type", 2}, {"count", 4}}));
+    EXPECT_TRUE(got[1].property.value("pause").toBool());
+    EXPECT_FALSE(got[2].property.value("pause").toBool());
+    EXPECT_EQ(got[3].property.value("type").toInt(), 1);
+    EXPECT_EQ(got[4].property, (QJsonObject{{"type", 1}, {"x", 10}, {"y", 20}, {"width", 1280}, {"height", 720}, {"wheel_x", 0}, {"wheel_y", 0}}));
+    EXPECT_EQ(got[5].property.value("wheel_y").toInt(), -3);
+    EXPECT_EQ(got[6].property.value("name").toString(), "Big Screen");
+    EXPECT_EQ(got[7].property.value("port").toInt(), 7100);
+    EXPECT_EQ(got[9].property.value("type").toInt(), 2);
+
+    // Heartbeats can be left unanswered; then the receiver closes on command.
+    receiver.write("heartbeat off\n");
+    ASSERT_TRUE(waitUntil([&] { return log.count("command") >= 11; }));
+    client.send("id_heartbeat", {{"timestamp", 1700000003}});
+    ASSERT_TRUE(waitUntil([&] { return log.count("heartbeat") == 2; }));
+    EXPECT_FALSE(log.last("heartbeat").value("answered").toBool());
+    receiver.write("close\n");
+    ASSERT_TRUE(waitUntil([&] { return client.socket.state() == QAbstractSocket::UnconnectedState; }));
+    EXPECT_TRUE(client.received.isEmpty() && client.socket.bytesAvailable() == 0) << "nothing after the steering messages";
+
+    receiver.write("quit\n");
+    ASSERT_TRUE(receiver.waitForFinished(10000));
+    EXPECT_EQ(receiver.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(receiver.exitCode(), 0);
+
+    // The receiver's own report.
+    const QJsonObject report = log.last("media_report");
+    EXPECT_EQ(report.value("violation_count").toInt(), 0) << QJsonDocument(report).toJson().constData();
+    const QJsonObject v = report.value("video").toArray().first().toObject();
+    EXPECT_EQ(v.value("frames").toInt(), 45);
+    EXPECT_EQ(v.value("key_frames").toInt(), 5);
+    EXPECT_EQ(v.value("longest_gop").toInt(), 10);
+    EXPECT_EQ(v.value("width").toInt(), 320);
+    EXPECT_EQ(v.value("height").toInt(), 240);
+    EXPECT_EQ(report.value("audio").toObject().value("frames").toInt(), 60);
+    EXPECT_TRUE(QFile::exists(QDir(outDir).filePath("report.json")));
+
+    // A real decoder accepts what was written.
+    const QJsonObject vs = ffprobe(QDir(outDir).filePath("video.h264"), "codec_name,profile,width,height,nb_read_frames");
+    EXPECT_EQ(vs.value("codec_name").toString(), "h264") << QJsonDocument(vs).toJson().constData();
+    EXPECT_EQ(vs.value("width").toInt(), 320);
+    EXPECT_EQ(vs.value("height").toInt(), 240);
+    EXPECT_EQ(vs.value("nb_read_frames").toString(), "45");
+    const QJsonObject as = ffprobe(QDir(outDir).filePath("audio.aac"), "codec_name,sample_rate,channels,nb_read_frames");
+    EXPECT_EQ(as.value("codec_name").toString(), "aac") << QJsonDocument(as).toJson().constData();
+    EXPECT_EQ(as.value("sample_rate").toString(), "44100");
+    EXPECT_EQ(as.value("channels").toInt(), 2);
+    EXPECT_EQ(as.value("nb_read_frames").toString(), "60");
+}
+
+TEST(ReceiverLoopback, SurvivesHostileInputAndCountsEachFault)
+{
+    ReceiverOptions o;
+    o.bind = QHostAddress(QHostAddress::LocalHost);
+    o.controlPort = 0;
+    o.mediaPort = 0;
+    o.shownAddress = QHostAddress(QHostAddress::LocalHost);
+    o.control.maxMessageBytes = 512;
+    o.control.admission = ControlPolicy::Answer::Manual;
+    o.echo = false;
+    o.readStdin = false;
+    Receiver r(o);
+    QStringList events;
+    QObject::connect(r.eventLog(), &EventLog::logged, [&](const QString &e, const QJsonObject &f) {
+        events << (e == "bad_message" ? e + ":" + f.value("reason").toString() : e);
+    });
+    QString error;
+    ASSERT_TRUE(r.start(&error)) << error.toStdString();
+
+    // A client that sends garbage, an oversized message, bad UTF-8 and a cut message, then vanishes.
+    {
+        QTcpSocket rogue;
+        rogue.connectToHost(QHostAddress::LocalHost, r.control()->port());
+        ASSERT_TRUE(waitUntil([&] { return rogue.state() == QAbstractSocket::ConnectedState; }));
+        rogue.write(QByteArray("\x00\x01{{{#", 6));
+        rogue.write(QByteArray(5000, '{'));
+        rogue.write("#\xf0\x28\x8c\x28#");
+        rogue.write(R"({"id":"id_connect_req)");
+        ASSERT_TRUE(waitUntil([&] { return events.contains("bad_message:bad_utf8"); }));
+        rogue.abort();
+    }
+    ASSERT_TRUE(waitUntil([&] { return events.contains("control_closed"); }));
+    EXPECT_EQ(events.count("bad_message:bad_json"), 1);
+    EXPECT_EQ(events.count("bad_message:oversized"), 1);
+    EXPECT_EQ(events.count("bad_message:bad_utf8"), 1);
+    EXPECT_EQ(events.count("bad_message:unterminated"), 1);
+
+    // A media client that sends a record with a bad magic, one good record, then half a record.
+    {
+        QTcpSocket m;
+        m.connectToHost(QHostAddress::LocalHost, r.media()->port());
+        ASSERT_TRUE(waitUntil([&] { return m.state() == QAbstractSocket::ConnectedState; }));
+        const QByteArray au = QByteArray::fromHex("00000001419a0000");
+        QByteArray bad = videoRecord(au, false);
+        bad[0] = 'X';
+        m.write(bad + videoRecord(au, false) + videoRecord(au, false).left(30));
+        ASSERT_TRUE(waitUntil([&] { return m.bytesToWrite() == 0; }));
+        m.disconnectFromHost();
+    }
+    ASSERT_TRUE(waitUntil([&] { return events.contains("media_closed"); }));
+    // Garbage datagrams.
+    QUdpSocket udp;
+    udp.writeDatagram(QByteArray("\x01", 1), QHostAddress::LocalHost, r.media()->port());
+    ASSERT_TRUE(waitUntil([&] { return r.media()->report().value("audio").toObject().value("datagrams").toInt() == 1; }));
+
+    const QJsonObject v = r.media()->report().value("violations").toObject();
+    EXPECT_EQ(v.value("bad_magic").toObject().value("count").toInt(), 1);
+    EXPECT_EQ(v.value("truncated_record").toObject().value("count").toInt(), 1);
+    EXPECT_EQ(v.value("frame_before_key_frame").toObject().value("count").toInt(), 1);
+    EXPECT_EQ(v.value("short_datagram").toObject().value("count").toInt(), 1);
+    EXPECT_EQ(r.media()->violationCount(), 4);
+
+    // The receiver still serves a well-behaved client, here with manual admission.
+    ControlClient good;
+    ASSERT_TRUE(good.connectTo(r.control()->port()));
+    good.send("id_connect_request", {{"name", "ok"}, {"safe_code", 1}, {"ip", "127.0.0.1"}});
+    ASSERT_TRUE(waitUntil([&] { return events.contains("message_received"); }));
+    r.enqueue({"refuse 1"});
+    const ControlMessage m = good.next();
+    EXPECT_EQ(m.id, "id_connect_refuse");
+    EXPECT_EQ(m.property.value("msg").toInt(), 1);
+}

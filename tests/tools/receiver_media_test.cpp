@@ -1,0 +1,347 @@
+// The receiver's media checks: "4CVA" records, Annex-B access units, audio datagrams and
+// ADTS frames, fed with crafted and damaged bytes.
+#include "media_checks.h"
+
+#include <QJsonArray>
+
+#include <gtest/gtest.h>
+
+using namespace velocast::receiver;
+namespace wire = velocast::wire;
+
+namespace {
+
+// SPS of a real 1920x1080 Constrained Baseline stream (x264): 1088 coded lines, cropped to 1080.
+const QByteArray kSps1080 = QByteArray::fromHex("6742c028d900780227e5c05a808080a0000003002000000791e30649");
+// The same picture in High profile (chroma format and scaling-list fields present).
+const QByteArray kSps1080High = QByteArray::fromHex("67640028acd940780227e5c05a808080a0000003002000000791e30632c0");
+const QByteArray kPps = QByteArray::fromHex("68cb8cb2");
+const QByteArray kStart = QByteArray::fromHex("00000001");
+
+QByteArray idrSlice(int size = 40) { return QByteArray(1, char(0x65)) + QByteArray(size - 1, char(0x88)); }
+QByteArray pSlice(int size = 20) { return QByteArray(1, char(0x41)) + QByteArray(size - 1, char(0x9a)); }
+QByteArray keyUnit() { return kStart + kSps1080 + kStart + kPps + kStart + idrSlice(); }
+QByteArray deltaUnit() { return kStart + pSlice(); }
+
+QByteArray record(const QByteArray &payload, uint16_t keyFlag, uint32_t lengthField = UINT32_MAX)
+{
+    wire::VideoRecordHeader h;
+    h.payloadLength = lengthField == UINT32_MAX ? uint32_t(payload.size()) : lengthField;
+    h.keyFlag = keyFlag;
+    QByteArray out(int(wire::kRecordHeaderSize), 0);
+    wire::writeVideoRecordHeader(reinterpret_cast<uint8_t *>(out.data()), h);
+    return out + payload;
+}
+
+// ADTS frame as the sender builds it: MPEG-2 AAC LC, 44100 Hz, stereo, no CRC.
+QByteArray adtsFrame(int payloadSize, char fill = 0x21)
+{
+    const int fl = payloadSize + 7;
+    QByteArray h(7, 0);
+    h[0] = char(0xFF);
+    h[1] = char(0xF9);
+    h[2] = char(0x50);
+    h[3] = char(0x80 ^ (fl >> 11));
+    h[4] = char(fl >> 3);
+    h[5] = char((fl << 5) | 0x1F);
+    h[6] = char(0xFC);
+    return h + QByteArray(payloadSize, fill);
+}
+
+QByteArray datagram(uint16_t seq, const QByteArray &payload, uint8_t type = 5, bool first = true, bool last = true, uint8_t drop = 0)
+{
+    wire::DatagramHeader h;
+    h.type = type;
+    h.firstPiece = first;
+    h.lastPiece = last;
+    h.sequence = seq;
+    h.dropPriority = drop;
+    QByteArray out(4, 0);
+    wire::writeDatagramHeader(reinterpret_cast<uint8_t *>(out.data()), h);
+    return out + payload;
+}
+
+// The sender's cut of one frame into datagrams of at most 1,420 payload bytes.
+QList<QByteArray> cutFrame(const QByteArray &frame, uint16_t *seq)
+{
+    QList<QByteArray> out;
+    for (qsizetype off = 0; off < frame.size(); off += 1420) out.append(datagram((*seq)++, frame.mid(off, 1420)));
+    return out;
+}
+
+QList<Violation> kinds(const Issues &issues)
+{
+    QList<Violation> k;
+    for (const Issue &i : issues) k.append(i.kind);
+    return k;
+}
+
+} // namespace
+
+TEST(VideoRecordParser, RecordsSplitAtEveryPositionComeOutWhole)
+{
+    const QByteArray stream = record(keyUnit(), 1) + record(deltaUnit(), 0) + record(deltaUnit(), 0);
+    for (qsizetype cut = 0; cut <= stream.size(); ++cut) {
+        VideoRecordParser p;
+        QList<VideoRecordParser::Record> records;
+        Issues issues;
+        p.feed(stream.constData(), cut, &records, &issues);
+        p.feed(stream.constData() + cut, stream.size() - cut, &records, &issues);
+        p.finish(&issues);
+        ASSERT_TRUE(issues.isEmpty()) << "cut at " << cut << ": " << violationName(issues[0].kind);
+        ASSERT_EQ(records.size(), 3) << "cut at " << cut;
+        EXPECT_EQ(records[0].payload, keyUnit());
+        EXPECT_EQ(records[0].header.keyFlag, 1);
+        EXPECT_EQ(records[2].payload, deltaUnit());
+    }
+}
+
+TEST(VideoRecordParser, GarbageIsOneBadMagicAndTheNextRecordIsFound)
+{
+    const QByteArray stream = record(keyUnit(), 1) + QByteArray("4CV garbage 4C") + record(deltaUnit(), 0);
+    // Fed byte by byte, the garbage is still one fault.
+    VideoRecordParser p;
+    QList<VideoRecordParser::Record> records;
+    Issues issues;
+    for (char c : stream) p.feed(&c, 1, &records, &issues);
+    p.finish(&issues);
+    EXPECT_EQ(kinds(issues), QList<Violation>{Violation::BadMagic});
+    ASSERT_EQ(records.size(), 2);
+    EXPECT_EQ(records[1].payload, deltaUnit());
+    EXPECT_EQ(p.skippedBytes(), 14);
+}
+
+TEST(VideoRecordParser, LengthFaults)
+{
+    {   // A length above the cap is skipped without waiting for (or buffering) its payload.
+        VideoRecordParser p(1000);
+        QList<VideoRecordParser::Record> records;
+        Issues issues;
+        const QByteArray stream = record(QByteArray(10, 'z'), 0, 5000) + record(deltaUnit(), 0);
+        p.feed(stream.constData(), stream.size(), &records, &issues);
+        EXPECT_EQ(kinds(issues), QList<Violation>{Violation::OversizedRecord});
+        ASSERT_EQ(records.size(), 1);
+        EXPECT_EQ(records[0].payload, deltaUnit());
+    }
+    {   // Empty record, then a record cut by the end of the stream.
+        VideoRecordParser p;
+        QList<VideoRecordParser::Record> records;
+        Issues issues;
+        const QByteArray stream = record({}, 0) + record(keyUnit(), 1).chopped(5);
+        p.feed(stream.constData(), stream.size(), &records, &issues);
+        p.finish(&issues);
+        EXPECT_EQ(kinds(issues), (QList<Violation>{Violation::EmptyRecord, Violation::TruncatedRecord}));
+        EXPECT_TRUE(records.isEmpty());
+    }
+    {   // Non-zero timestamp or keyFlag 2: reported, the record is still delivered.
+        QByteArray r = record(deltaUnit(), 2);
+        r[8] = 1;
+        VideoRecordParser p;
+        QList<VideoRecordParser::Record> records;
+        Issues issues;
+        p.feed(r.constData(), r.size(), &records, &issues);
+        EXPECT_EQ(kinds(issues), QList<Violation>{Violation::HeaderField});
+        EXPECT_EQ(records.size(), 1);
+    }
+}
+
+TEST(AnnexB, SplitsAtThreeAndFourByteStartCodes)
+{
+    const QByteArray au = kStart + kSps1080 + QByteArray::fromHex("000001") + kPps + kStart + idrSlice(10);
+    qsizetype leading = -1;
+    const QList<NalUnit> nals = splitAnnexB(au, &leading);
+    EXPECT_EQ(leading, 0);
+    ASSERT_EQ(nals.size(), 3);
+    EXPECT_EQ(nals[0].type, 7);
+    EXPECT_EQ(nals[0].size, kSps1080.size());
+    EXPECT_EQ(nals[1].startCodeLength, 3);
+    EXPECT_EQ(nals[1].size, kPps.size());
+    EXPECT_EQ(nals[2].type, 5);
+    EXPECT_EQ(nals[2].offset + nals[2].size, au.size());
+}
+
+TEST(AnnexB, SpsGivesThePictureSizeAndRejectsDamage)
+{
+    for (const QByteArray &sps : {kSps1080, kSps1080High}) {
+        const auto size = parseSps(sps.constData(), sps.size());
+        ASSERT_TRUE(size.has_value());
+        EXPECT_EQ(size->width, 1920);
+        EXPECT_EQ(size->height, 1080);
+    }
+    EXPECT_EQ(parseSps(kSps1080.constData(), kSps1080.size())->profileIdc, 66);
+    // Cut before the picture size: no size. Every other cut must not read past the end
+    // (the sanitizer build checks that).
+    for (qsizetype n = 0; n <= kSps1080.size(); ++n) {
+        const auto size = parseSps(kSps1080.constData(), n);
+        if (n < 7) {
+            EXPECT_FALSE(size.has_value()) << n;
+        }
+    }
+    EXPECT_FALSE(parseSps(kPps.constData(), kPps.size()).has_value());
+}
+
+TEST(VideoChecker, WellFormedStreamHasNoFaultsAndItsStatistics)
+{
+    VideoChecker c;
+    Issues issues;
+    // Two GOPs: key + 4 deltas, key + 2 deltas; 40 ms apart.
+    const bool keys[] = {true, false, false, false, false, true, false, false};
+    qint64 t = 0;
+    for (bool k : keys) c.check(k ? keyUnit() : deltaUnit(), k, t += 40, &issues);
+    EXPECT_TRUE(issues.isEmpty());
+    EXPECT_EQ(c.frames(), 8);
+    EXPECT_EQ(c.keyFrames(), 2);
+    EXPECT_EQ(c.longestGop(), 5);
+    EXPECT_DOUBLE_EQ(c.fps(), 25.0);
+    ASSERT_TRUE(c.pictureSize());
+    EXPECT_EQ(c.pictureSize()->width, 1920);
+}
+
+TEST(VideoChecker, EachFaultOfAnAccessUnitIsCountedOnce)
+{
+    struct Case {
+        const char *what;
+        QByteArray au;
+        bool key;
+        QList<Violation> expected;
+    } cases[] = {
+        {"key flag on a delta frame", deltaUnit(), true, {Violation::KeyFlagWithoutIdr, Violation::KeyFrameNotSpsFirst}},
+        {"IDR without key flag", keyUnit(), false, {Violation::IdrWithoutKeyFlag}},
+        {"IDR without SPS/PPS", kStart + idrSlice(), true, {Violation::ParameterSetsMissing, Violation::KeyFrameNotSpsFirst}},
+        {"PPS after the slice", kStart + kSps1080 + kStart + idrSlice() + kStart + kPps, true, {Violation::ParameterSetsMissing}},
+        {"three-byte start codes", kStart + kSps1080 + QByteArray::fromHex("000001") + kPps + QByteArray::fromHex("000001") + idrSlice(), true,
+         {Violation::ShortStartCode}},
+        {"leading garbage", QByteArray("xy") + kStart + pSlice(), false, {Violation::NoStartCode}},
+        {"no start code at all", pSlice(), false, {Violation::NoStartCode}},
+        {"empty NAL unit", kStart + kStart + pSlice(), false, {Violation::EmptyNalUnit}},
+        {"forbidden bit", kStart + QByteArray::fromHex("c1aabb"), false, {Violation::ForbiddenBit}},
+        {"damaged SPS", kStart + QByteArray::fromHex("6742c0") + kStart + kPps + kStart + idrSlice(), true, {Violation::BadSps}},
+    };
+    for (const Case &c : cases) {
+        VideoChecker checker;
+        Issues issues;
+        checker.check(keyUnit(), true, 0, &issues); // a good key frame first
+        ASSERT_TRUE(issues.isEmpty());
+        checker.check(c.au, c.key, 40, &issues);
+        EXPECT_EQ(kinds(issues), c.expected) << c.what;
+    }
+    VideoChecker fresh;
+    Issues issues;
+    fresh.check(deltaUnit(), false, 0, &issues);
+    EXPECT_EQ(kinds(issues), QList<Violation>{Violation::FrameBeforeKeyFrame});
+}
+
+TEST(AdtsStream, HeaderMatchesTheSendersBytes)
+{
+    // 371 payload bytes: frame length 378 = 0x17A.
+    EXPECT_EQ(adtsFrame(371).left(7).toHex(), QByteArray("fff950802f5ffc"));
+    AdtsStream s;
+    QList<QByteArray> frames;
+    Issues issues;
+    const QByteArray two = adtsFrame(371) + adtsFrame(0);
+    s.feed(two.constData(), two.size(), &frames, &issues);
+    EXPECT_TRUE(issues.isEmpty());
+    ASSERT_EQ(frames.size(), 2);
+    EXPECT_EQ(frames[1].size(), 7);
+}
+
+TEST(AdtsStream, GarbageBadLengthAndForeignHeaders)
+{
+    AdtsStream s;
+    QList<QByteArray> frames;
+    Issues issues;
+    QByteArray badLength = adtsFrame(10);
+    badLength[4] = 0; // frame_length 2
+    badLength[5] = char(0x5F);
+    QByteArray mono = adtsFrame(10);
+    mono[3] = char(0x40); // channel configuration 1
+    const QByteArray stream = QByteArray("junk") + adtsFrame(5) + badLength + adtsFrame(6) + mono;
+    s.feed(stream.constData(), stream.size(), &frames, &issues);
+    EXPECT_EQ(kinds(issues), (QList<Violation>{Violation::AdtsBadSync, Violation::AdtsBadLength, Violation::AdtsHeaderField}));
+    ASSERT_EQ(frames.size(), 3);
+    EXPECT_EQ(frames[0], adtsFrame(5));
+    EXPECT_EQ(frames[1], adtsFrame(6));
+}
+
+TEST(AudioDatagrams, FramesLongerThanOneDatagramAreReassembled)
+{
+    AudioDatagramChecker c;
+    uint16_t seq = 65534; // wraps on the way
+    QList<QByteArray> frames;
+    Issues issues;
+    const QByteArray big = adtsFrame(2993, 'b'); // 3,000 bytes: 1,420 + 1,420 + 160
+    const QByteArray exact = adtsFrame(1413, 'e'); // exactly one full datagram
+    QList<QByteArray> dgrams;
+    for (const QByteArray &f : {adtsFrame(371), big, exact, adtsFrame(9)}) dgrams += cutFrame(f, &seq);
+    EXPECT_EQ(dgrams.size(), 6);
+    for (const QByteArray &d : dgrams) c.feed(d.constData(), d.size(), &frames, &issues);
+    EXPECT_TRUE(issues.isEmpty()) << violationName(issues.value(0).kind);
+    ASSERT_EQ(frames.size(), 4);
+    EXPECT_EQ(frames[1], big);
+    EXPECT_EQ(frames[2], exact);
+    EXPECT_EQ(c.missingDatagrams(), 0);
+}
+
+TEST(AudioDatagrams, SequenceGapsAndLateDatagrams)
+{
+    AudioDatagramChecker c;
+    QList<QByteArray> frames;
+    Issues issues;
+    uint16_t seq = 10;
+    QList<QByteArray> d = cutFrame(adtsFrame(100), &seq);      // 10
+    const QList<QByteArray> big = cutFrame(adtsFrame(2000), &seq); // 11, 12
+    d.append(big[0]);                                          // 12 lost
+    d += cutFrame(adtsFrame(50), &seq);                        // 13
+    d.append(big[0]);                                          // 11 again: late
+    d += cutFrame(adtsFrame(60), &seq);                        // 14
+    for (const QByteArray &x : d) c.feed(x.constData(), x.size(), &frames, &issues);
+    EXPECT_EQ(kinds(issues), (QList<Violation>{Violation::SequenceGap, Violation::SequenceOutOfOrder}));
+    EXPECT_EQ(c.missingDatagrams(), 1);
+    // The frame cut by the loss is dropped; the ones around it survive.
+    ASSERT_EQ(frames.size(), 3);
+    EXPECT_EQ(frames[1], adtsFrame(50));
+}
+
+TEST(AudioDatagrams, BadHeadersAndLengths)
+{
+    struct Case {
+        const char *what;
+        QByteArray datagram;
+        QList<Violation> expected;
+    } cases[] = {
+        {"three bytes", QByteArray("\x01\x02\x03", 3), {Violation::ShortDatagram}},
+        {"header only", datagram(0, {}), {Violation::ShortDatagram}},
+        {"video type", datagram(0, adtsFrame(4), 1), {Violation::UnexpectedDatagramType}},
+        {"first piece missing", datagram(0, adtsFrame(4), 5, false, true), {Violation::PieceFlags}},
+        {"drop priority", datagram(0, adtsFrame(4), 5, true, true, 1), {Violation::DropPriority}},
+        {"too long", datagram(0, adtsFrame(1500)), {Violation::OversizedDatagram}},
+        {"frame longer than its datagrams", datagram(0, adtsFrame(300).left(200)), {Violation::AdtsLengthMismatch}},
+        {"not ADTS", datagram(0, QByteArray(30, 'q')), {Violation::AdtsBadSync}},
+    };
+    for (const Case &k : cases) {
+        AudioDatagramChecker c;
+        QList<QByteArray> frames;
+        Issues issues;
+        c.feed(k.datagram.constData(), k.datagram.size(), &frames, &issues);
+        EXPECT_EQ(kinds(issues), k.expected) << k.what;
+        // The next good datagram is accepted whatever came before.
+        Issues after;
+        const QByteArray good = datagram(1, adtsFrame(8));
+        c.feed(good.constData(), good.size(), &frames, &after);
+        EXPECT_TRUE(after.isEmpty()) << k.what << ": " << violationName(after.value(0).kind);
+        EXPECT_EQ(frames.last(), adtsFrame(8)) << k.what;
+    }
+}
+
+TEST(ViolationTally, CountsByKindWithExamples)
+{
+    ViolationTally t;
+    for (int i = 0; i < 7; ++i) t.add({Violation::SequenceGap, QString::number(i)});
+    t.add({Violation::BadMagic, "x"});
+    EXPECT_EQ(t.total(), 8);
+    const QJsonObject r = t.report();
+    EXPECT_EQ(r.value("sequence_gap").toObject().value("count").toInt(), 7);
+    EXPECT_EQ(r.value("sequence_gap").toObject().value("examples").toArray().size(), 5);
+    EXPECT_EQ(r.value("bad_magic").toObject().value("count").toInt(), 1);
+    EXPECT_FALSE(r.contains("empty_record"));
+}
