@@ -1,0 +1,62 @@
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+namespace velocast::test {
+
+// A scripted receiver on 127.0.0.1 for control-channel tests: accepts one connection at a
+// time on an ephemeral port, records everything it reads, and writes what it is told to.
+// It reassembles "#"-framed messages across reads (as a receiver must) and can answer
+// each "id_heartbeat" with a reply of its own. All methods are thread-safe.
+class LoopbackPeer {
+public:
+    LoopbackPeer();
+    ~LoopbackPeer();
+
+    uint16_t port() const { return port_; }
+    bool waitForClient(int timeoutMs = 5000);
+    // Raw bytes read so far on the current connection.
+    QByteArray received() const;
+    // Complete "#"-terminated messages read so far (without the "#").
+    QList<QByteArray> messages() const;
+    int heartbeatsReceived() const;
+    bool waitForMessages(int count, int timeoutMs = 5000) const;
+    bool waitForHeartbeats(int count, int timeoutMs = 5000) const;
+    // True once the client closed its end (read returned 0 or failed).
+    bool waitForClientClosed(int timeoutMs = 5000) const;
+
+    void send(const QByteArray &bytes);
+    void setAnswerHeartbeats(bool answer) { answerHeartbeats_ = answer; }
+    void closeClient();
+
+private:
+    void run();
+
+    int listenFd_ = -1;
+    uint16_t port_ = 0;
+    int wakeFd_ = -1;
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    int clientFd_ = -1;
+    bool clientClosed_ = false;
+    QByteArray received_;
+    QByteArray pending_;
+    QList<QByteArray> messages_;
+    int heartbeats_ = 0;
+    std::atomic<bool> answerHeartbeats_{true};
+    std::atomic<bool> stop_{false};
+    std::jthread thread_;
+};
+
+// A port on 127.0.0.1 where nothing listens (bound then closed).
+uint16_t refusedPort();
+
+} // namespace velocast::test
