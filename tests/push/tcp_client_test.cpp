@@ -94,6 +94,7 @@ TEST(CTcpClientTest, OpenWhileOpenOnlyReplacesTheCallback)
     c.client->Close();
     EXPECT_EQ(second.events(), (std::vector<int32_t> {kEventClosed}));
     EXPECT_EQ(c.log.events().size(), before);
+    c.client.reset(); // the callback must outlive the client
 }
 
 TEST(CTcpClientTest, CloseTwiceAndOneClosedEventPerInternalClose)
