@@ -194,6 +194,13 @@ Command parseCommand(const QString &line, const CommandDefaults &d)
         c.kind = CommandKind::Report;
         return c;
     }
+    if (verb == QLatin1String("snapshot")) {
+        Command c;
+        c.kind = CommandKind::Snapshot;
+        c.text = rest;
+        if (rest.isEmpty()) return invalid(QStringLiteral("usage: snapshot FILE.png"));
+        return c;
+    }
     if (verb == QLatin1String("sleep")) {
         Command c;
         c.kind = CommandKind::Sleep;
@@ -249,6 +256,7 @@ QString commandReference()
         "  close                   close the control connection(s)\n"
         "  heartbeat on|off        answer heartbeats or stay silent (the sender then drops the link)\n"
         "  report                  write the media report now\n"
+        "  snapshot FILE.png       save a picture of the live view window\n"
         "  sleep MS                wait MS milliseconds before the next command\n"
         "  await EVENT [MS]        wait until the event log shows EVENT (default time-out 30000 ms)\n"
         "  help                    print this list\n"

@@ -19,6 +19,7 @@ enum class CommandKind {
     Close,     // close every control connection
     Heartbeat, // flag: answer heartbeats or not
     Report,    // write the media report now
+    Snapshot,  // text: PNG file for a picture of the live view
     Sleep,     // number: milliseconds
     Await,     // text: event name; number: time-out in ms
     Help,

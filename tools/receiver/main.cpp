@@ -1,11 +1,18 @@
 // velocast-receiver: plays the receiver's part of a cast for tests, demos and people
 // without a receiver box. See --help.
 #include "commands.h"
+#include "live_view.h"
 #include "receiver.h"
 
+#include <QApplication>
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QPointer>
+#include <QJsonArray>
 #include <QSocketNotifier>
+#include <QTimer>
+
+#include <cstring>
 
 #include <csignal>
 #include <cstdio>
@@ -48,11 +55,27 @@ bool parseAnswer(const QString &text, ControlPolicy::Answer *answer)
     std::exit(2);
 }
 
+// A window is opened only with a display, without --headless, and not for --help.
+bool wantsLiveView(int argc, char **argv)
+{
+    for (int i = 1; i < argc; ++i) {
+        if (!std::strcmp(argv[i], "--headless") || !std::strcmp(argv[i], "--help") || !std::strcmp(argv[i], "-h")
+            || !std::strcmp(argv[i], "--help-all"))
+            return false;
+    }
+    const char *x = std::getenv("DISPLAY");
+    const char *w = std::getenv("WAYLAND_DISPLAY");
+    return (x && *x) || (w && *w);
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
-    QCoreApplication app(argc, argv);
+    const bool live = wantsLiveView(argc, argv);
+    std::unique_ptr<QCoreApplication> application =
+        live ? std::make_unique<QApplication>(argc, argv) : std::make_unique<QCoreApplication>(argc, argv);
+    QCoreApplication &app = *application;
     QCoreApplication::setApplicationName(QStringLiteral("velocast-receiver"));
 
     QCommandLineParser p;
@@ -62,8 +85,33 @@ int main(int argc, char **argv)
         "and receives the cast (H.264 records over TCP, ADTS audio datagrams over UDP on the media port),\n"
         "checks every record and datagram, and writes video.h264, audio.aac and report.json.\n"
         "It prints the six-digit connect code for its address and safe code, as a receiver's screen would.\n"
-        "Events go to a JSON-lines log (--event-log) and, readable, to standard error.\n\n")
-        + commandReference());
+        "Events go to a JSON-lines log (--event-log) and, readable, to standard error.\n"
+        "With a display (and without --headless) a window shows the video and the audio is played;\n"
+        "clicks, drags and the wheel in it are sent to the sender as id_pc_mk_event messages with the\n"
+        "window's area as width/height. Without a display it runs headless.\n\n")
+        + commandReference() + QStringLiteral(
+        "\nEvent log (one JSON object per line with \"t\" in ms and \"event\"):\n"
+        "  listening            ports, address, safe_code and the connect code (or code_error)\n"
+        "  control_connected    conn, peer;  control_closed: conn\n"
+        "  message_received     conn, id, property (every message but heartbeats)\n"
+        "  message_sent         conn, id, property;  send_failed: a message too long or with '#'\n"
+        "  heartbeat            conn, timestamp, answered\n"
+        "  bad_message          conn, reason (bad_utf8, bad_json, not_an_object, missing_id, oversized,\n"
+        "                       unterminated), length, sample\n"
+        "  field_problem, safe_code_mismatch, permission_cancelled\n"
+        "  media_connected      stream, peer;  media_closed: the stream's statistics\n"
+        "  violation            stream (video or audio), kind, detail\n"
+        "  video_frame, audio_frame   with --log-frames\n"
+        "  media_report         per video stream: frames, key_frames, fps, bit_rate, longest_gop,\n"
+        "                       width, height; audio: datagrams, frames, missing_datagrams;\n"
+        "                       violations by kind with examples (also written to report.json)\n"
+        "  command, command_error, await_timeout, snapshot, output_opened, output_failed, quit\n"
+        "Violation kinds: bad_magic, oversized_record, empty_record, truncated_record,\n"
+        "  record_header_field, no_start_code, short_start_code, empty_nal_unit, forbidden_bit,\n"
+        "  key_flag_without_idr, idr_without_key_flag, parameter_sets_missing, key_frame_not_sps_first,\n"
+        "  frame_before_key_frame, bad_sps, short_datagram, oversized_datagram,\n"
+        "  unexpected_datagram_type, piece_flags, drop_priority, sequence_gap, sequence_out_of_order,\n"
+        "  adts_bad_sync, adts_header_field, adts_bad_length, adts_length_mismatch.\n"));
     p.addHelpOption();
     const QCommandLineOption bind(QStringLiteral("bind"), QStringLiteral("Address to listen on (default 0.0.0.0, all IPv4 addresses)."), QStringLiteral("address"), QStringLiteral("0.0.0.0"));
     const QCommandLineOption controlPort(QStringLiteral("control-port"), QStringLiteral("Control port (default 15623; 0 picks a free one)."), QStringLiteral("port"), QStringLiteral("15623"));
@@ -89,9 +137,11 @@ int main(int argc, char **argv)
     const QCommandLineOption noStdin(QStringLiteral("no-stdin"), QStringLiteral("Do not read commands from standard input."));
     const QCommandLineOption area(QStringLiteral("area"), QStringLiteral("Picture area WIDTHxHEIGHT for pointer commands without a size (default 1920x1080)."), QStringLiteral("size"), QStringLiteral("1920x1080"));
     const QCommandLineOption airplayPort(QStringLiteral("airplay-port"), QStringLiteral("Port in id_airplay_config (default 7000)."), QStringLiteral("port"), QStringLiteral("7000"));
+    const QCommandLineOption headless(QStringLiteral("headless"), QStringLiteral("No window, even when a display is present."));
+    const QCommandLineOption noAudio(QStringLiteral("no-audio-output"), QStringLiteral("Do not play the audio in the live view."));
     const QCommandLineOption airplayId(QStringLiteral("airplay-deviceid"), QStringLiteral("deviceid in id_airplay_config (default 02:56:43:00:00:01)."), QStringLiteral("id"), QStringLiteral("02:56:43:00:00:01"));
     p.addOptions({bind, controlPort, mediaPort, address, safeCode, noSafeCheck, name, admit, refuseMsg, permission, permissionType, permissionWait,
-                  noHeartbeat, maxMessage, outputDir, maxRecord, logFrames, eventLog, quiet, scenario, command, noStdin, area, airplayPort, airplayId});
+                  noHeartbeat, maxMessage, outputDir, maxRecord, logFrames, eventLog, quiet, scenario, command, noStdin, area, airplayPort, airplayId, headless, noAudio});
     p.process(app);
 
     ReceiverOptions o;
@@ -154,8 +204,76 @@ int main(int argc, char **argv)
         receiver.enqueue({QStringLiteral("quit")});
     });
 
+    // Live view. Decoder and player are declared after the view so that they stop (and
+    // their streaming threads with them) before the view goes away.
+    std::unique_ptr<LiveView> view;
+    std::unique_ptr<VideoDecoder> decoder;
+    std::unique_ptr<AudioPlayer> player;
+    if (live) {
+        gst_init(nullptr, nullptr);
+        view = std::make_unique<LiveView>(o.control.name);
+        QPointer<LiveView> target(view.get());
+        decoder = std::make_unique<VideoDecoder>([target](const QImage &image) {
+            // Streaming thread: hand the picture to the main thread.
+            QMetaObject::invokeMethod(qApp, [target, image] {
+                if (target) target->showFrame(image);
+            }, Qt::QueuedConnection);
+        });
+        QString why;
+        if (!decoder->start(&why)) {
+            std::fprintf(stderr, "velocast-receiver: live view without video: %s\n", why.toUtf8().constData());
+            decoder.reset();
+        }
+        if (!p.isSet(noAudio)) {
+            player = std::make_unique<AudioPlayer>();
+            if (!player->start(&why)) {
+                std::fprintf(stderr, "velocast-receiver: live view without sound: %s\n", why.toUtf8().constData());
+                player.reset();
+            }
+        }
+        QObject::connect(receiver.media(), &MediaSink::videoFrame, view.get(), [&decoder](const QByteArray &au, bool) {
+            if (decoder) decoder->pushAccessUnit(au);
+        });
+        QObject::connect(receiver.media(), &MediaSink::audioFrame, view.get(), [&player](const QByteArray &adts) {
+            if (player) player->pushFrame(adts);
+        });
+        QObject::connect(view.get(), &LiveView::pointer, &receiver, [&receiver](const OutgoingMessage &m) {
+            receiver.control()->sendToAll(m.id, m.property);
+        });
+        QObject::connect(receiver.eventLog(), &EventLog::logged, view.get(), [target](const QString &event, const QJsonObject &) {
+            if (event == QLatin1String("media_closed") && target) target->clearPicture();
+        });
+        receiver.setSnapshotHandler([target](const QString &path) { return target && target->saveSnapshot(path); });
+        view->show();
+    }
+
     QString error;
     if (!receiver.start(&error)) fail(error);
+    QTimer status;
+    if (view) {
+        view->setConnectCode(receiver.connectCodeText());
+        // Once a second: the open video stream's size and rate over the picture.
+        QObject::connect(&status, &QTimer::timeout, view.get(), [&receiver, &view] {
+            const QJsonArray streams = receiver.media()->report().value(QStringLiteral("video")).toArray();
+            const QJsonObject v = streams.isEmpty() ? QJsonObject() : streams.last().toObject();
+            if (!v.value(QStringLiteral("open")).toBool()) {
+                view->setStatus({});
+                return;
+            }
+            view->setStatus(QStringLiteral("%1  |  %2x%3  %4 fps  %5 kb/s  |  %6 violations")
+                                .arg(receiver.connectCodeText())
+                                .arg(v.value(QStringLiteral("width")).toInt())
+                                .arg(v.value(QStringLiteral("height")).toInt())
+                                .arg(v.value(QStringLiteral("fps")).toDouble(), 0, 'f', 1)
+                                .arg(qRound(v.value(QStringLiteral("bit_rate")).toDouble() / 1000))
+                                .arg(receiver.media()->violationCount()));
+        });
+        status.start(1000);
+    }
     receiver.enqueue(p.values(command));
-    return app.exec();
+    const int rc = app.exec();
+    // Stop the pipelines first: their threads call into the view.
+    player.reset();
+    decoder.reset();
+    return rc;
 }

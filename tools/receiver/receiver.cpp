@@ -140,6 +140,14 @@ void Receiver::execute(const Command &c)
     case CommandKind::Close: control_->closeAll(); break;
     case CommandKind::Heartbeat: control_->setAnswerHeartbeats(c.flag); break;
     case CommandKind::Report: report(); break;
+    case CommandKind::Snapshot:
+        if (!snapshot_)
+            log_->log(QStringLiteral("command_error"), {{QStringLiteral("error"), QStringLiteral("no live view to take a snapshot of")}});
+        else if (snapshot_(c.text))
+            log_->log(QStringLiteral("snapshot"), {{QStringLiteral("file"), c.text}});
+        else
+            log_->log(QStringLiteral("command_error"), {{QStringLiteral("error"), QStringLiteral("cannot write %1").arg(c.text)}});
+        break;
     case CommandKind::Sleep:
         holding_ = true;
         holdTimer_.start(int(std::min<qint64>(c.number, INT32_MAX)));

@@ -14,6 +14,7 @@
 #include <QStringList>
 #include <QTimer>
 
+#include <functional>
 #include <memory>
 
 namespace velocast::receiver {
@@ -52,6 +53,10 @@ public:
     EventLog *eventLog() { return log_.get(); }
     QString connectCodeText() const { return code_; }
 
+    // What the snapshot command calls (the live view, when there is one); it returns
+    // false when the picture cannot be saved.
+    void setSnapshotHandler(std::function<bool(const QString &)> handler) { snapshot_ = std::move(handler); }
+
     // Writes the media report file and logs it.
     void report();
 
@@ -76,6 +81,7 @@ private:
     std::unique_ptr<QSocketNotifier> stdinNotifier_;
     QByteArray stdinBuffer_;
     QString code_;
+    std::function<bool(const QString &)> snapshot_;
 };
 
 } // namespace velocast::receiver
