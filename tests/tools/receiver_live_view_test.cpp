@@ -1,0 +1,121 @@
+// The live view: pointer input in the window becomes id_pc_mk_event messages, and the
+// decoder turns the sender's access units into pictures. Runs on the offscreen platform.
+#include "live_view.h"
+#include "test_media.h"
+
+#include <QApplication>
+#include <QMouseEvent>
+#include <QWheelEvent>
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <mutex>
+
+using namespace velocast::receiver;
+
+namespace {
+
+class LiveViewTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+        static int argc = 1;
+        static char arg0[] = "receiver_live_view_tests";
+        static char *argv[] = {arg0, nullptr};
+        app = new QApplication(argc, argv);
+        gst_init(nullptr, nullptr);
+    }
+    static void TearDownTestSuite()
+    {
+        delete app;
+        app = nullptr;
+    }
+
+    void SetUp() override
+    {
+        view = std::make_unique<LiveView>("test");
+        view->resize(800, 450);
+        QObject::connect(view.get(), &LiveView::pointer, [this](const OutgoingMessage &m) { sent.append(m); });
+    }
+
+    void mouse(QEvent::Type type, Qt::MouseButton button, Qt::MouseButtons held, QPointF pos)
+    {
+        QMouseEvent e(type, pos, view->mapToGlobal(pos), button, held, Qt::NoModifier);
+        QApplication::sendEvent(view.get(), &e);
+    }
+
+    // type, x, y of each message; width/height must be the window's.
+    QList<QList<int>> summary()
+    {
+        QList<QList<int>> out;
+        for (const OutgoingMessage &m : sent) {
+            EXPECT_EQ(m.id, "id_pc_mk_event");
+            EXPECT_EQ(m.property.value("width").toInt(), 800);
+            EXPECT_EQ(m.property.value("height").toInt(), 450);
+            out.append({m.property.value("type").toInt(), m.property.value("x").toInt(), m.property.value("y").toInt(),
+                        m.property.value("wheel_x").toInt(), m.property.value("wheel_y").toInt()});
+        }
+        return out;
+    }
+
+    static QApplication *app;
+    std::unique_ptr<LiveView> view;
+    QList<OutgoingMessage> sent;
+};
+QApplication *LiveViewTest::app = nullptr;
+
+} // namespace
+
+TEST_F(LiveViewTest, ButtonsDragsAndDoubleClicksBecomePointerTypes)
+{
+    mouse(QEvent::MouseMove, Qt::NoButton, Qt::NoButton, {5, 5}); // hovering sends nothing
+    mouse(QEvent::MouseButtonPress, Qt::LeftButton, Qt::LeftButton, {100, 50});
+    mouse(QEvent::MouseMove, Qt::NoButton, Qt::LeftButton, {120, 60});
+    mouse(QEvent::MouseButtonRelease, Qt::LeftButton, Qt::NoButton, {120, 60});
+    mouse(QEvent::MouseButtonPress, Qt::RightButton, Qt::RightButton, {1, 2});
+    mouse(QEvent::MouseButtonRelease, Qt::RightButton, Qt::NoButton, {1, 2});
+    mouse(QEvent::MouseButtonPress, Qt::MiddleButton, Qt::MiddleButton, {3, 4});
+    mouse(QEvent::MouseButtonRelease, Qt::MiddleButton, Qt::NoButton, {3, 4});
+    mouse(QEvent::MouseButtonDblClick, Qt::LeftButton, Qt::LeftButton, {700, 400});
+    const QList<QList<int>> expected{{1, 100, 50, 0, 0}, {8, 120, 60, 0, 0}, {2, 120, 60, 0, 0}, {3, 1, 2, 0, 0}, {4, 1, 2, 0, 0},
+                                     {5, 3, 4, 0, 0},    {6, 3, 4, 0, 0},    {7, 700, 400, 0, 0}};
+    EXPECT_EQ(summary(), expected);
+}
+
+TEST_F(LiveViewTest, WheelNotchesBecomeLines)
+{
+    QWheelEvent down({10, 20}, view->mapToGlobal(QPointF(10, 20)), {}, {0, -240}, Qt::NoButton, Qt::NoModifier, Qt::NoScrollPhase, false);
+    QApplication::sendEvent(view.get(), &down);
+    QWheelEvent side({10, 20}, view->mapToGlobal(QPointF(10, 20)), {}, {120, 0}, Qt::NoButton, Qt::NoModifier, Qt::NoScrollPhase, false);
+    QApplication::sendEvent(view.get(), &side);
+    QWheelEvent tiny({10, 20}, view->mapToGlobal(QPointF(10, 20)), {}, {0, 30}, Qt::NoButton, Qt::NoModifier, Qt::NoScrollPhase, false);
+    QApplication::sendEvent(view.get(), &tiny); // less than a notch: nothing
+    EXPECT_EQ(summary(), (QList<QList<int>>{{9, 10, 20, 0, -2}, {9, 10, 20, 1, 0}}));
+}
+
+TEST_F(LiveViewTest, DecoderTurnsAccessUnitsIntoPictures)
+{
+    const EncodedVideo video = encodeVideo(12, 352, 288);
+    ASSERT_EQ(video.units.size(), 12) << "x264enc is not installed";
+    std::mutex mutex;
+    std::condition_variable cv;
+    int pictures = 0;
+    QSize size;
+    VideoDecoder decoder([&](const QImage &image) {
+        std::lock_guard lock(mutex);
+        ++pictures;
+        size = image.size();
+        cv.notify_all();
+    });
+    QString error;
+    ASSERT_TRUE(decoder.start(&error)) << error.toStdString();
+    // Garbage first: the decoder must skip it and still decode what follows.
+    decoder.pushAccessUnit(QByteArray::fromHex("0000000141ffffffff"));
+    for (const QByteArray &au : video.units) decoder.pushAccessUnit(au);
+    std::unique_lock lock(mutex);
+    // The appsink keeps at most two pictures queued; a few must come out.
+    ASSERT_TRUE(cv.wait_for(lock, std::chrono::seconds(20), [&] { return pictures >= 3; })) << pictures << " pictures";
+    EXPECT_EQ(size, QSize(352, 288));
+}
