@@ -33,7 +33,8 @@ public:
     using WifiStateBlock
         = std::function<void(bool hasNet, bool isWifi, const QString &SSID, const QString &ipStr)>;
 
-    // Opens the change watch (the "reachability handle"); failures surface in startNotifier().
+    // Opens the change watch and starts the monitor's thread; a watch that cannot be opened
+    // is logged by checkWiFiState() and makes startNotifier() return false.
     MacNetCheck();
     // Uses another source of platform facts (tests use one with a simulated Wi-Fi radio).
     // `platform` is not owned and must outlive the monitor.
