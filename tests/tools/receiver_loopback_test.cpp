@@ -292,6 +292,23 @@ TEST(ReceiverLoopback, SurvivesHostileInputAndCountsEachFault)
     udp.writeDatagram(QByteArray("\x01", 1), QHostAddress::LocalHost, r.media()->port());
     ASSERT_TRUE(waitUntil([&] { return r.media()->report().value("audio").toObject().value("datagrams").toInt() == 1; }));
 
+    // A new cast sends from a new socket whose sequence starts again at 0: not a fault.
+    QUdpSocket castOne, castTwo;
+    const auto audioDatagram = [](uint16_t seq) {
+        wire::DatagramHeader h;
+        h.type = wire::kDatagramTypeAudio;
+        h.firstPiece = h.lastPiece = true;
+        h.sequence = seq;
+        QByteArray d(4, 0);
+        wire::writeDatagramHeader(reinterpret_cast<uint8_t *>(d.data()), h);
+        return d + QByteArray::fromHex("fff95080019ffc") + QByteArray(5, 0x21); // a 12-byte ADTS frame
+    };
+    castOne.writeDatagram(audioDatagram(700), QHostAddress::LocalHost, r.media()->port());
+    castOne.writeDatagram(audioDatagram(701), QHostAddress::LocalHost, r.media()->port());
+    ASSERT_TRUE(waitUntil([&] { return r.media()->report().value("audio").toObject().value("frames").toInt() == 2; }));
+    castTwo.writeDatagram(audioDatagram(0), QHostAddress::LocalHost, r.media()->port());
+    ASSERT_TRUE(waitUntil([&] { return r.media()->report().value("audio").toObject().value("frames").toInt() == 3; }));
+
     const QJsonObject v = r.media()->report().value("violations").toObject();
     EXPECT_EQ(v.value("bad_magic").toObject().value("count").toInt(), 1);
     EXPECT_EQ(v.value("truncated_record").toObject().value("count").toInt(), 1);

@@ -7,6 +7,10 @@ namespace velocast::receiver {
 namespace {
 // Kernel data we take per read; the framer caps what is kept between reads.
 constexpr qint64 kReadChunk = 16 * 1024;
+// A peer that stops reading must not make us buffer without end.
+constexpr qint64 kMaxWriteBacklog = 256 * 1024;
+// Bad messages logged one by one per connection; the rest are only counted.
+constexpr int kBadMessagesLogged = 50;
 
 // A printable sample of bad input for the log: at most 80 bytes, non-ASCII escaped.
 QString sample(const QByteArray &bytes)
@@ -49,6 +53,13 @@ void ControlServer::onNewConnection()
 {
     while (QTcpSocket *socket = server_.nextPendingConnection()) {
         socket->setParent(this);
+        if (int(connections_.size()) >= policy_.maxConnections) {
+            log_->log(QStringLiteral("control_rejected"),
+                      {{QStringLiteral("peer"), socket->peerAddress().toString()}, {QStringLiteral("reason"), QStringLiteral("too many connections")}});
+            socket->abort();
+            socket->deleteLater();
+            continue;
+        }
         socket->setReadBufferSize(kReadChunk);
         const int number = nextNumber_++;
         auto c = std::make_unique<Connection>(policy_.maxMessageBytes);
@@ -76,9 +87,10 @@ void ControlServer::onReadyRead(int number)
         const QList<QByteArray> pieces = c.framer.feed(bytes);
         if (c.framer.oversizedCount() != c.oversizedSeen) {
             c.oversizedSeen = c.framer.oversizedCount();
-            log_->log(QStringLiteral("bad_message"), {{QStringLiteral("conn"), c.number},
-                                                      {QStringLiteral("reason"), QStringLiteral("oversized")},
-                                                      {QStringLiteral("limit"), qint64(c.framer.maxMessageBytes())}});
+            if (++c.badMessages <= kBadMessagesLogged)
+                log_->log(QStringLiteral("bad_message"), {{QStringLiteral("conn"), c.number},
+                                                          {QStringLiteral("reason"), QStringLiteral("oversized")},
+                                                          {QStringLiteral("limit"), qint64(c.framer.maxMessageBytes())}});
         }
         for (const QByteArray &piece : pieces) {
             const ParseResult r = parseMessage(piece);
@@ -95,6 +107,7 @@ void ControlServer::onReadyRead(int number)
 
 void ControlServer::reportBadPiece(Connection &c, const QString &reason, const QByteArray &piece)
 {
+    if (++c.badMessages > kBadMessagesLogged) return; // counted in control_closed
     log_->log(QStringLiteral("bad_message"), {{QStringLiteral("conn"), c.number},
                                               {QStringLiteral("reason"), reason},
                                               {QStringLiteral("length"), qint64(piece.size())},
@@ -109,7 +122,7 @@ void ControlServer::onDisconnected(int number)
     Connection &c = *it->second;
     const QByteArray pending = c.framer.takePending();
     if (!pending.trimmed().isEmpty()) reportBadPiece(c, QStringLiteral("unterminated"), pending);
-    log_->log(QStringLiteral("control_closed"), {{QStringLiteral("conn"), number}});
+    log_->log(QStringLiteral("control_closed"), {{QStringLiteral("conn"), number}, {QStringLiteral("bad_messages"), c.badMessages}});
     if (c.socket) c.socket->deleteLater();
     connections_.erase(it);
 }
@@ -124,6 +137,14 @@ bool ControlServer::send(Connection &c, const QString &id, const QJsonObject &pr
         return false;
     }
     if (!c.socket || c.socket->state() != QAbstractSocket::ConnectedState) return false;
+    if (c.socket->bytesToWrite() > kMaxWriteBacklog) {
+        log_->log(QStringLiteral("send_failed"), {{QStringLiteral("conn"), c.number},
+                                                  {QStringLiteral("id"), id},
+                                                  {QStringLiteral("reason"), QStringLiteral("peer is not reading; closing")}});
+        // Not here: the close removes the connection, and callers may be walking the list.
+        QMetaObject::invokeMethod(c.socket.data(), &QTcpSocket::abort, Qt::QueuedConnection);
+        return false;
+    }
     c.socket->write(bytes); // one write per message
     log_->log(QStringLiteral("message_sent"),
               {{QStringLiteral("conn"), c.number}, {QStringLiteral("id"), id}, {QStringLiteral("property"), property}});
@@ -161,7 +182,7 @@ void ControlServer::handle(Connection &c, const ControlMessage &m)
                 id, {{QStringLiteral("timestamp"), m.property.contains(QStringLiteral("timestamp"))
                                                        ? lenientInt(m.property, QStringLiteral("timestamp"))
                                                        : QDateTime::currentSecsSinceEpoch()}});
-            if (c.socket) c.socket->write(bytes);
+            if (c.socket && c.socket->bytesToWrite() <= kMaxWriteBacklog) c.socket->write(bytes);
         }
         return;
     }

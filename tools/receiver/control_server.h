@@ -30,6 +30,7 @@ struct ControlPolicy {
     bool answerHeartbeats = true;
     int safeCode = -1;                 // >= 0: a request with another safe_code is refused (msg 2)
     qsizetype maxMessageBytes = 64 * 1024;
+    int maxConnections = 8;            // further control connections are closed at once
 };
 
 class ControlServer : public QObject {
@@ -56,6 +57,7 @@ private:
         QPointer<QTcpSocket> socket;
         MessageFramer framer;
         int oversizedSeen = 0;
+        int badMessages = 0;
         std::unique_ptr<QTimer> permissionTimer;
         explicit Connection(qsizetype cap) : framer(cap) {}
     };

@@ -88,7 +88,10 @@ int main(int argc, char **argv)
         "Events go to a JSON-lines log (--event-log) and, readable, to standard error.\n"
         "With a display (and without --headless) a window shows the video and the audio is played;\n"
         "clicks, drags and the wheel in it are sent to the sender as id_pc_mk_event messages with the\n"
-        "window's area as width/height. Without a display it runs headless.\n\n")
+        "window's area as width/height. Without a display it runs headless.\n"
+        "Limits: at most 8 control and 8 video connections at once; a control message longer than\n"
+        "--max-message and a video record longer than --max-record are dropped; a peer that leaves\n"
+        "256 KiB of our messages unread is disconnected.\n\n")
         + commandReference() + QStringLiteral(
         "\nEvent log (one JSON object per line with \"t\" in ms and \"event\"):\n"
         "  listening            ports, address, safe_code and the connect code (or code_error)\n"

@@ -10,6 +10,10 @@ namespace velocast::receiver {
 namespace {
 constexpr qint64 kReadChunk = 256 * 1024;
 constexpr qint64 kMaxDatagram = 65536;
+// Violations of one kind logged one by one; beyond that the report only counts them.
+constexpr int kViolationsLoggedPerKind = 200;
+// Audio sources tracked at once; a new one beyond this replaces an old one.
+constexpr size_t kMaxAudioSources = 16;
 } // namespace
 
 MediaSink::MediaSink(const MediaOptions &options, EventLog *log, QObject *parent)
@@ -65,6 +69,7 @@ void MediaSink::record(const QString &stream, const Issues &issues)
 {
     for (const Issue &issue : issues) {
         tally_.add(issue);
+        if (tally_.count(issue.kind) > kViolationsLoggedPerKind) continue;
         log_->log(QStringLiteral("violation"), {{QStringLiteral("stream"), stream},
                                                 {QStringLiteral("kind"), QLatin1String(violationName(issue.kind))},
                                                 {QStringLiteral("detail"), issue.detail}});
@@ -75,6 +80,13 @@ void MediaSink::onNewConnection()
 {
     while (QTcpSocket *socket = server_.nextPendingConnection()) {
         socket->setParent(this);
+        if (int(streams_.size()) >= options_.maxConnections) {
+            log_->log(QStringLiteral("media_rejected"),
+                      {{QStringLiteral("peer"), socket->peerAddress().toString()}, {QStringLiteral("reason"), QStringLiteral("too many connections")}});
+            socket->abort();
+            socket->deleteLater();
+            continue;
+        }
         socket->setReadBufferSize(kReadChunk);
         const int number = nextNumber_++;
         auto s = std::make_unique<Stream>(options_.maxRecordPayload);
@@ -144,13 +156,22 @@ void MediaSink::onDatagrams()
         const QNetworkDatagram d = udp_.receiveDatagram(kMaxDatagram);
         if (!d.isValid()) break;
         const QByteArray data = d.data();
+        const QString source = QStringLiteral("%1:%2").arg(d.senderAddress().toString()).arg(d.senderPort());
+        auto it = audio_.find(source);
+        if (it == audio_.end()) {
+            if (audio_.size() >= kMaxAudioSources) audio_.erase(audio_.begin());
+            it = audio_.emplace(source, std::make_unique<AudioDatagramChecker>()).first;
+            log_->log(QStringLiteral("audio_source"), {{QStringLiteral("source"), source}});
+        }
         QList<QByteArray> frames;
         Issues issues;
-        audio_.feed(data.constData(), data.size(), &frames, &issues);
+        ++audioDatagrams_;
+        it->second->feed(data.constData(), data.size(), &frames, &issues);
         record(QStringLiteral("audio"), issues);
         for (const QByteArray &f : frames) {
+            ++audioFrames_;
             if (options_.logFrames)
-                log_->log(QStringLiteral("audio_frame"), {{QStringLiteral("n"), audio_.frames()}, {QStringLiteral("bytes"), qint64(f.size())}});
+                log_->log(QStringLiteral("audio_frame"), {{QStringLiteral("n"), audioFrames_}, {QStringLiteral("bytes"), qint64(f.size())}});
             if (openOutput(audioFile_, QStringLiteral("audio.aac"))) audioFile_.write(f);
             emit audioFrame(f);
         }
@@ -169,7 +190,20 @@ QJsonObject MediaSink::report() const
     }
     QJsonObject o;
     o[QStringLiteral("video")] = video;
-    o[QStringLiteral("audio")] = audio_.report();
+    QJsonArray sources;
+    qint64 bytes = 0, missing = 0;
+    for (const auto &[source, checker] : audio_) {
+        QJsonObject a = checker->report();
+        a[QStringLiteral("source")] = source;
+        sources.append(a);
+        bytes += checker->bytes();
+        missing += checker->missingDatagrams();
+    }
+    o[QStringLiteral("audio")] = QJsonObject{{QStringLiteral("datagrams"), audioDatagrams_},
+                                             {QStringLiteral("frames"), audioFrames_},
+                                             {QStringLiteral("bytes"), bytes},
+                                             {QStringLiteral("missing_datagrams"), missing},
+                                             {QStringLiteral("sources"), sources}};
     o[QStringLiteral("violations")] = tally_.report();
     o[QStringLiteral("violation_count")] = tally_.total();
     if (videoFile_.isOpen()) o[QStringLiteral("video_file")] = videoFile_.fileName();

@@ -25,6 +25,7 @@ struct MediaOptions {
     QString outputDir;        // empty: write no files
     bool logFrames = false;   // one event per video and audio frame
     uint32_t maxRecordPayload = VideoRecordParser::kDefaultMaxPayload;
+    int maxConnections = 8;   // further video connections are closed at once
 };
 
 class MediaSink : public QObject {
@@ -71,7 +72,10 @@ private:
     QUdpSocket udp_;
     std::map<int, std::unique_ptr<Stream>> streams_;
     QJsonArray finishedStreams_;
-    AudioDatagramChecker audio_;
+    // One checker per sending socket: a new cast comes from a new socket whose sequence
+    // numbers start again at 0.
+    std::map<QString, std::unique_ptr<AudioDatagramChecker>> audio_;
+    qint64 audioDatagrams_ = 0, audioFrames_ = 0;
     ViolationTally tally_;
     QFile videoFile_, audioFile_;
     int nextNumber_ = 1;
