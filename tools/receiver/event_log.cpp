@@ -17,7 +17,7 @@ bool EventLog::open(const QString &path, QString *error)
     auto file = std::make_unique<QFile>();
     bool ok;
     if (path == QLatin1String("-")) {
-        ok = file->open(stdout, QIODevice::WriteOnly | QIODevice::Append);
+        ok = file->open(stdout, QIODevice::WriteOnly); // no Append: standard output may be a pipe, which cannot seek
     } else {
         file->setFileName(path);
         ok = file->open(QIODevice::WriteOnly | QIODevice::Truncate);
