@@ -1,0 +1,361 @@
+// H.264 encoder sessions on GStreamer. One pipeline per session:
+//
+//   appsrc (raw pictures, 30/1) ! videoconvertscale ! video/x-raw,width=W,height=H
+//     ! ENCODER ! video/x-h264,profile=P ! h264parse
+//     ! video/x-h264,stream-format=avc,alignment=au ! appsink
+//
+// h264parse turns every encoder's output into the same form: one access unit per buffer as
+// 4-byte length-prefixed NAL units, with SPS and PPS in the avcC codec_data of the caps.
+// videoconvertscale does the output-size scaling and the format conversion some encoders
+// need (openh264enc takes I420 only); it passes through when nothing needs changing.
+#include "capture/h264_encoder_session.h"
+
+#include "capture/avc_config.h"
+#include "common/log.h"
+
+#include <gst/app/gstappsink.h>
+#include <gst/app/gstappsrc.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string_view>
+
+namespace velocast::capture {
+
+namespace {
+
+constexpr const char *kChain[] = {"vah264lpenc", "vah264enc", "vaapih264enc", "nvh264enc", "v4l2h264enc", "x264enc", "openh264enc"};
+
+// How many pictures may wait for the encoder. Beyond that the oldest is dropped: a slow
+// encoder must lose frames rather than build up latency in a live cast.
+constexpr guint kMaxQueuedPictures = 3;
+constexpr auto kFlushTimeout = std::chrono::seconds(3);
+
+int64_t kbit(int64_t bitrate) { return std::max<int64_t>(1, bitrate / 1000); }
+
+// Per-encoder settings. Each gets the same intent: average rate b with a cap of 2b in any
+// one-second window, a key frame at least every 30 frames, no B-frames or reordering, the
+// lowest-latency mode, and Baseline (Constrained Baseline where that is all it offers).
+// Only the x264enc and openh264enc rows could be run on the development machines; the
+// hardware rows follow the elements' documented properties.
+struct EncoderProfile {
+    std::string_view name;
+    bool hardware;
+    const char *capsProfile;
+    // Rate and cap; returns the sum of the property statuses.
+    int (*applyRate)(GstElement *encoder, int64_t bitrate);
+    // Key-frame interval, latency, B-frames, output form.
+    void (*applyFixed)(GstElement *encoder);
+    // The properties applyRate touches; the rate changes live only when all are mutable
+    // while PLAYING.
+    std::initializer_list<const char *> rateProperties;
+    // The property claims to be mutable but the encoder ignores a change while running.
+    bool liveRateBroken;
+};
+
+const EncoderProfile kProfiles[] = {
+    {"vah264lpenc", true, "constrained-baseline",
+     [](GstElement *e, int64_t b) { return setArgProperty(e, "rate-control", "cbr") + setIntProperty(e, "bitrate", kbit(b)) + setIntProperty(e, "cpb-size", kbit(b)); },
+     [](GstElement *e) { setIntProperty(e, "key-int-max", 30); setIntProperty(e, "b-frames", 0); setIntProperty(e, "target-usage", 7); },
+     {"bitrate", "cpb-size"}, false},
+    {"vah264enc", true, "constrained-baseline",
+     [](GstElement *e, int64_t b) { return setArgProperty(e, "rate-control", "cbr") + setIntProperty(e, "bitrate", kbit(b)) + setIntProperty(e, "cpb-size", kbit(b)); },
+     [](GstElement *e) { setIntProperty(e, "key-int-max", 30); setIntProperty(e, "b-frames", 0); setIntProperty(e, "target-usage", 7); },
+     {"bitrate", "cpb-size"}, false},
+    {"vaapih264enc", true, "constrained-baseline",
+     // A 1000 ms coded picture buffer: at most rate x 1 s + buffer = 2b in any second.
+     [](GstElement *e, int64_t b) { return setArgProperty(e, "rate-control", "cbr") + setIntProperty(e, "bitrate", kbit(b)) + setIntProperty(e, "cpb-length", 1000); },
+     [](GstElement *e) { setIntProperty(e, "keyframe-period", 30); setIntProperty(e, "max-bframes", 0); setArgProperty(e, "tune", "low-power"); },
+     {"bitrate"}, false},
+    {"nvh264enc", true, "baseline",
+     [](GstElement *e, int64_t b) {
+         return setArgProperty(e, "rc-mode", "cbr") + setIntProperty(e, "bitrate", kbit(b)) + setIntProperty(e, "max-bitrate", kbit(2 * b))
+                + setIntProperty(e, "vbv-buffer-size", kbit(b));
+     },
+     [](GstElement *e) {
+         setIntProperty(e, "gop-size", 30);
+         setArgProperty(e, "preset", "low-latency-hp");
+         setArgProperty(e, "zerolatency", "true");
+         setIntProperty(e, "bframes", 0);
+         setIntProperty(e, "rc-lookahead", 0);
+     },
+     {"bitrate", "max-bitrate", "vbv-buffer-size"}, false},
+    {"v4l2h264enc", true, "constrained-baseline",
+     [](GstElement *e, int64_t b) {
+         // V4L2 controls: bitrate mode 1 is CBR.
+         const std::string controls = "controls,video_bitrate_mode=1,video_bitrate=" + std::to_string(b)
+                                      + ",video_gop_size=30,h264_i_frame_period=30,video_b_frames=0";
+         return setArgProperty(e, "extra-controls", controls.c_str());
+     },
+     [](GstElement *) {}, {"extra-controls"}, false},
+    {"x264enc", false, "baseline",
+     // pass=cbr makes x264 set vbv-maxrate = bitrate; a 1000 ms VBV buffer then bounds any
+     // one-second window by rate x 1 s + buffer = 2b. (An option-string vbv-maxrate would
+     // be overridden by the pass setting.)
+     [](GstElement *e, int64_t b) { return setArgProperty(e, "pass", "cbr") + setIntProperty(e, "bitrate", kbit(b)) + setIntProperty(e, "vbv-buf-capacity", 1000); },
+     [](GstElement *e) {
+         setArgProperty(e, "speed-preset", "ultrafast");
+         setArgProperty(e, "tune", "zerolatency");
+         setIntProperty(e, "key-int-max", 30);
+         setIntProperty(e, "bframes", 0);
+         // SPS and PPS only in codec_data, no access unit delimiters: the packetiser puts
+         // the parameter sets in front of key frames itself.
+         setArgProperty(e, "aud", "false");
+         setArgProperty(e, "option-string", "repeat-headers=0");
+     },
+     {"bitrate"}, false},
+    {"openh264enc", false, "constrained-baseline",
+     // openh264 does not enforce max-bitrate; it is set for what it is worth.
+     [](GstElement *e, int64_t b) { return setArgProperty(e, "rate-control", "bitrate") + setIntProperty(e, "bitrate", b) + setIntProperty(e, "max-bitrate", 2 * b); },
+     [](GstElement *e) { setIntProperty(e, "gop-size", 30); setArgProperty(e, "usage-type", "camera"); setArgProperty(e, "complexity", "low"); },
+     // Its "bitrate" is flagged mutable, but a change while running fails inside openh264
+     // and the old rate stays; a new session is the only way.
+     {"bitrate"}, true},
+};
+
+const EncoderProfile *findProfile(std::string_view name)
+{
+    for (const EncoderProfile &p : kProfiles)
+        if (p.name == name) return &p;
+    return nullptr;
+}
+
+class GstH264EncoderSession final : public H264EncoderSession {
+public:
+    GstH264EncoderSession(const EncoderProfile &profile, H264EncoderSettings settings, OutputFn onOutput, ErrorFn onError)
+        : profile_(profile), name_(profile.name), settings_(std::move(settings)), onOutput_(std::move(onOutput)), onError_(std::move(onError))
+    {
+    }
+
+    ~GstH264EncoderSession() override
+    {
+        if (!pipeline_) return;
+        // NULL joins the streaming threads; only then may the callbacks' "this" go away.
+        gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
+        GstBus *bus = gst_element_get_bus(pipeline_.get());
+        gst_bus_set_sync_handler(bus, nullptr, nullptr, nullptr);
+        gst_object_unref(bus);
+    }
+
+    bool build(H264EncoderSetupStatus &status)
+    {
+        pipeline_.reset(GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new("h264-encoder"))));
+        GstElement *src = gst_element_factory_make("appsrc", "src");
+        GstElement *scale = gst_element_factory_make("videoconvertscale", nullptr);
+        GstElement *sizeCaps = gst_element_factory_make("capsfilter", nullptr);
+        GstElement *enc = gst_element_factory_make(name_.c_str(), "encoder");
+        GstElement *profileCaps = gst_element_factory_make("capsfilter", nullptr);
+        GstElement *parse = gst_element_factory_make("h264parse", nullptr);
+        GstElement *avcCaps = gst_element_factory_make("capsfilter", nullptr);
+        GstElement *sink = gst_element_factory_make("appsink", "sink");
+        GstElement *all[] = {src, scale, sizeCaps, enc, profileCaps, parse, avcCaps, sink};
+        for (GstElement *e : all) {
+            if (e) continue;
+            for (GstElement *made : all)
+                if (made) gst_object_unref(gst_object_ref_sink(made));
+            status.start = -1;
+            return false;
+        }
+        gst_bin_add_many(GST_BIN(pipeline_.get()), src, scale, sizeCaps, enc, profileCaps, parse, avcCaps, sink, nullptr);
+        if (!gst_element_link_many(src, scale, sizeCaps, enc, profileCaps, parse, avcCaps, sink, nullptr)) {
+            status.start = -1;
+            return false;
+        }
+
+        // The expected frame rate goes in the caps: rate control takes it from there.
+        GstCapsPtr in(gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, settings_.inputFormat.c_str(), "width", G_TYPE_INT,
+                                          settings_.inputWidth, "height", G_TYPE_INT, settings_.inputHeight, "framerate",
+                                          GST_TYPE_FRACTION, settings_.expectedFrameRate, 1, "pixel-aspect-ratio", GST_TYPE_FRACTION,
+                                          1, 1, nullptr));
+        g_object_set(src, "caps", in.get(), "format", GST_FORMAT_TIME, "is-live", TRUE, "max-buffers", guint64(kMaxQueuedPictures),
+                     "block", FALSE, nullptr);
+        setArgProperty(src, "leaky-type", "downstream");
+        status.frameRate = 0;
+        // Square pixels at the output size: a picture of another shape is letterboxed, not
+        // stretched.
+        GstCapsPtr size(gst_caps_new_simple("video/x-raw", "width", G_TYPE_INT, settings_.width, "height", G_TYPE_INT, settings_.height,
+                                            "pixel-aspect-ratio", GST_TYPE_FRACTION, 1, 1, nullptr));
+        g_object_set(sizeCaps, "caps", size.get(), nullptr);
+        GstCapsPtr prof(gst_caps_new_simple("video/x-h264", "profile", G_TYPE_STRING, profile_.capsProfile, nullptr));
+        g_object_set(profileCaps, "caps", prof.get(), nullptr);
+        GstCapsPtr avc(gst_caps_new_simple("video/x-h264", "stream-format", G_TYPE_STRING, "avc", "alignment", G_TYPE_STRING, "au", nullptr));
+        g_object_set(avcCaps, "caps", avc.get(), nullptr);
+
+        status.bitrate = profile_.applyRate(enc, settings_.bitrate);
+        profile_.applyFixed(enc);
+        liveRate_ = !profile_.liveRateBroken;
+        for (const char *p : profile_.rateProperties) liveRate_ = liveRate_ && isMutableWhilePlaying(enc, p);
+
+        g_object_set(sink, "sync", FALSE, nullptr);
+        GstAppSinkCallbacks callbacks{};
+        callbacks.new_sample = &GstH264EncoderSession::onNewSample;
+        callbacks.eos = &GstH264EncoderSession::onEos;
+        gst_app_sink_set_callbacks(GST_APP_SINK(sink), &callbacks, this, nullptr);
+        GstBus *bus = gst_element_get_bus(pipeline_.get());
+        gst_bus_set_sync_handler(bus, &GstH264EncoderSession::onBusMessage, this, nullptr);
+        gst_object_unref(bus);
+
+        appsrc_ = src;
+        encoder_ = enc;
+        const bool started = gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING) != GST_STATE_CHANGE_FAILURE && !failed_.load();
+        status.start = started ? 0 : -1;
+        return started;
+    }
+
+    const std::string &encoderName() const override { return name_; }
+    bool isHardware() const override { return profile_.hardware; }
+    bool producedOutput() const override { return produced_.load(); }
+
+    EncodeResult encodeFrame(const MediaSample &picture) override
+    {
+        if (failed_.load()) return EncodeResult::Failed;
+        if (picture.kind() != MediaSample::Kind::RawVideo || !picture.buffer() || picture.format() != settings_.inputFormat
+            || picture.width() != settings_.inputWidth || picture.height() != settings_.inputHeight)
+            return EncodeResult::NeedsNewSession;
+        // A shallow copy: the planes are shared, only our time stamp is new.
+        GstBuffer *buffer = gst_buffer_copy(picture.buffer());
+        GST_BUFFER_PTS(buffer) = nextTimestamp(picture.presentationTime().toNanoseconds());
+        GST_BUFFER_DTS(buffer) = GST_CLOCK_TIME_NONE;
+        GST_BUFFER_DURATION(buffer) = GST_CLOCK_TIME_NONE;
+        // appsrc takes ownership of the buffer.
+        if (gst_app_src_push_buffer(GST_APP_SRC(appsrc_), buffer) != GST_FLOW_OK) return EncodeResult::Failed;
+        return EncodeResult::Queued;
+    }
+
+    bool setBitrate(int64_t bitrate) override
+    {
+        if (!liveRate_) return false;
+        profile_.applyRate(encoder_, bitrate);
+        return true;
+    }
+
+    void completeFrames() override
+    {
+        if (failed_.load()) return;
+        gst_app_src_end_of_stream(GST_APP_SRC(appsrc_));
+        std::unique_lock lock(mutex_);
+        if (!flushed_.wait_for(lock, kFlushTimeout, [this] { return eos_ || failed_.load(); }))
+            logLine(lcCapture(), QStringLiteral("H264HWEncoder: %1 did not finish its frames in time").arg(QString::fromStdString(name_)));
+    }
+
+private:
+    // Timestamps must rise strictly for the encoder's rate control; a missing or repeated
+    // one is replaced by the previous plus one frame time.
+    GstClockTime nextTimestamp(GstClockTime pts)
+    {
+        const GstClockTime frame = GST_SECOND / GstClockTime(std::max(1, settings_.expectedFrameRate));
+        if (pts == GST_CLOCK_TIME_NONE || (lastPts_ != GST_CLOCK_TIME_NONE && pts <= lastPts_))
+            pts = lastPts_ == GST_CLOCK_TIME_NONE ? 0 : lastPts_ + frame;
+        lastPts_ = pts;
+        return pts;
+    }
+
+    // Streaming thread. Wraps the access unit without copying it and hands it on.
+    static GstFlowReturn onNewSample(GstAppSink *sink, gpointer self)
+    {
+        auto *that = static_cast<GstH264EncoderSession *>(self);
+        GstSamplePtr sample(gst_app_sink_pull_sample(sink));
+        if (!sample) return GST_FLOW_OK;
+        GstBuffer *buffer = gst_sample_get_buffer(sample.get());
+        if (!buffer) return GST_FLOW_OK;
+        that->updateParameterSets(gst_sample_get_caps(sample.get()));
+        // Encoders move their timestamps (x264enc by 1000 h) along with the segment; the
+        // running time is the time that went in.
+        const GstClockTime pts = gst_segment_to_running_time(gst_sample_get_segment(sample.get()), GST_FORMAT_TIME, GST_BUFFER_PTS(buffer));
+        const bool sync = !GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
+        const MediaSample compressed = MediaSample::h264(GstBufferPtr(gst_buffer_ref(buffer)),
+                                                         pts == GST_CLOCK_TIME_NONE ? MediaTime() : MediaTime::fromNanoseconds(pts),
+                                                         sync, that->parameterSets_);
+        that->produced_.store(true);
+        that->onOutput_(&compressed);
+        return GST_FLOW_OK;
+    }
+
+    // Streaming thread. Re-reads SPS and PPS only when the caps object changed.
+    void updateParameterSets(GstCaps *caps)
+    {
+        if (!caps || caps == lastCaps_.get()) return;
+        // Held so that its address cannot be reused by other caps while we compare against it.
+        lastCaps_.reset(gst_caps_ref(caps));
+        parameterSets_.clear();
+        const GValue *cd = gst_structure_get_value(gst_caps_get_structure(caps, 0), "codec_data");
+        if (!cd || !GST_VALUE_HOLDS_BUFFER(cd)) return;
+        MappedBuffer record(gst_value_get_buffer(cd));
+        const auto config = parseAvcDecoderConfig(record.bytes());
+        if (!config || config->nalLengthSize != 4 || config->sps.empty() || config->pps.empty()) {
+            logLine(lcCapture(), QStringLiteral("H264HWEncoder: unusable codec_data from %1; key frames go out without SPS/PPS")
+                                     .arg(QString::fromStdString(name_)));
+            return;
+        }
+        parameterSets_ = {config->sps.front(), config->pps.front()};
+    }
+
+    static void onEos(GstAppSink *, gpointer self)
+    {
+        auto *that = static_cast<GstH264EncoderSession *>(self);
+        {
+            std::lock_guard lock(that->mutex_);
+            that->eos_ = true;
+        }
+        that->flushed_.notify_all();
+    }
+
+    // Runs on the thread that posted the message; flags, reports and returns.
+    static GstBusSyncReply onBusMessage(GstBus *, GstMessage *message, gpointer self)
+    {
+        if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR) return GST_BUS_DROP;
+        auto *that = static_cast<GstH264EncoderSession *>(self);
+        {
+            std::lock_guard lock(that->mutex_);
+            that->failed_.store(true);
+        }
+        that->flushed_.notify_all();
+        if (that->onError_) that->onError_(describeError(message));
+        return GST_BUS_DROP;
+    }
+
+    const EncoderProfile &profile_;
+    const std::string name_;
+    const H264EncoderSettings settings_;
+    const OutputFn onOutput_;
+    const ErrorFn onError_;
+    bool liveRate_ = false;
+    GstClockTime lastPts_ = GST_CLOCK_TIME_NONE; // encodeFrame's thread only
+    // Streaming thread only.
+    GstCapsPtr lastCaps_;
+    std::vector<ByteVector> parameterSets_;
+    std::atomic<bool> produced_{false};
+    std::atomic<bool> failed_{false};
+    std::mutex mutex_;
+    std::condition_variable flushed_;
+    bool eos_ = false;
+    GstElement *appsrc_ = nullptr;  // owned by the pipeline
+    GstElement *encoder_ = nullptr; // owned by the pipeline
+    PipelinePtr pipeline_;
+};
+
+} // namespace
+
+std::span<const char *const> h264EncoderChain() { return kChain; }
+
+std::unique_ptr<H264EncoderSession> makeH264EncoderSession(const std::string &encoderName, const H264EncoderSettings &settings,
+                                                          H264EncoderSession::OutputFn onOutput, H264EncoderSession::ErrorFn onError,
+                                                          H264EncoderSetupStatus *status)
+{
+    ensureGstreamer();
+    H264EncoderSetupStatus local;
+    H264EncoderSetupStatus &st = status ? *status : local;
+    st = {};
+    const EncoderProfile *profile = findProfile(encoderName);
+    if (!profile || !elementExists(encoderName.c_str())) {
+        st.start = -1;
+        return nullptr;
+    }
+    auto session = std::make_unique<GstH264EncoderSession>(*profile, settings, std::move(onOutput), std::move(onError));
+    if (!session->build(st)) return nullptr;
+    return session;
+}
+
+} // namespace velocast::capture
