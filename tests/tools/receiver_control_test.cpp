@@ -83,6 +83,9 @@ TEST(MessageFramer, OversizedMessageIsDroppedOnceAndTheStreamRecovers)
     MessageFramer g(20);
     EXPECT_EQ(g.feed(QByteArray(R"({"id":"id_x12345678})") + "#").size(), 1);
     EXPECT_EQ(g.oversizedCount(), 0);
+    // One byte more does not.
+    EXPECT_TRUE(g.feed(QByteArray(R"({"id":"id_x123456789})") + "#").isEmpty());
+    EXPECT_EQ(g.oversizedCount(), 1);
 }
 
 TEST(MessageFramer, UnterminatedTailIsKeptForTheEndOfStream)
