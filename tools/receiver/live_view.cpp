@@ -1,5 +1,6 @@
 #include "live_view.h"
 
+#include <QCloseEvent>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QWheelEvent>
@@ -61,7 +62,9 @@ bool VideoDecoder::start(QString *error)
         if (error) *error = QStringLiteral("no H.264 decoder (avdec_h264 or openh264dec) is installed");
         return false;
     }
-    pipeline_ = build("appsrc name=src is-live=true do-timestamp=true format=time "
+    // A decoder that falls behind drops the oldest queued access units instead of
+    // letting the queue grow.
+    pipeline_ = build("appsrc name=src is-live=true do-timestamp=true format=time max-bytes=16000000 leaky-type=downstream "
                       "caps=video/x-h264,stream-format=byte-stream,alignment=au ! h264parse ! "
                       + decoder + " ! videoconvert ! video/x-raw,format=RGBx ! "
                                   "appsink name=sink sync=false max-buffers=2 drop=true emit-signals=true",
@@ -115,7 +118,7 @@ bool AudioPlayer::start(QString *error)
         if (error) *error = QStringLiteral("no AAC decoder is installed");
         return false;
     }
-    pipeline_ = build("appsrc name=src is-live=true do-timestamp=true format=time "
+    pipeline_ = build("appsrc name=src is-live=true do-timestamp=true format=time max-bytes=1000000 leaky-type=downstream "
                       "caps=audio/mpeg,mpegversion=4,stream-format=adts ! aacparse ! "
                       + decoder + " ! audioconvert ! audioresample ! autoaudiosink sync=false",
                       error);
@@ -170,6 +173,12 @@ void LiveView::setStatus(const QString &status)
 {
     status_ = status;
     update();
+}
+
+void LiveView::closeEvent(QCloseEvent *e)
+{
+    emit closed();
+    e->accept();
 }
 
 bool LiveView::saveSnapshot(const QString &path) { return grab().save(path, "PNG"); }

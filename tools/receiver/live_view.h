@@ -72,9 +72,12 @@ public:
 
 signals:
     void pointer(const velocast::receiver::OutgoingMessage &message);
+    // The user closed the window.
+    void closed();
 
 protected:
     void paintEvent(QPaintEvent *) override;
+    void closeEvent(QCloseEvent *e) override;
     void mousePressEvent(QMouseEvent *e) override;
     void mouseReleaseEvent(QMouseEvent *e) override;
     void mouseDoubleClickEvent(QMouseEvent *e) override;

@@ -246,6 +246,9 @@ int main(int argc, char **argv)
         QObject::connect(receiver.eventLog(), &EventLog::logged, view.get(), [target](const QString &event, const QJsonObject &) {
             if (event == QLatin1String("media_closed") && target) target->clearPicture();
         });
+        // Closing the window ends the run like "quit", with the report written.
+        QApplication::setQuitOnLastWindowClosed(false);
+        QObject::connect(view.get(), &LiveView::closed, &receiver, [&receiver] { receiver.enqueue({QStringLiteral("quit")}); });
         receiver.setSnapshotHandler([target](const QString &path) { return target && target->saveSnapshot(path); });
         view->show();
     }

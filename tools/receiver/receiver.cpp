@@ -163,6 +163,8 @@ void Receiver::execute(const Command &c)
         break;
     case CommandKind::Help: std::fputs(commandReference().toUtf8().constData(), stderr); break;
     case CommandKind::Quit:
+        if (quitting_) break; // closing the window on the way out asks again
+        quitting_ = true;
         report();
         log_->log(QStringLiteral("quit"));
         queue_.clear();

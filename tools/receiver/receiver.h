@@ -75,6 +75,7 @@ private:
     std::unique_ptr<MediaSink> media_;
     QStringList queue_;
     bool holding_ = false;     // a sleep or await is in progress
+    bool quitting_ = false;
     QString awaiting_;
     QTimer holdTimer_;
     QHash<QString, int> unconsumed_; // events seen and not yet awaited
