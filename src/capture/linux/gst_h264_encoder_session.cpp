@@ -265,12 +265,45 @@ private:
         // running time is the time that went in.
         const GstClockTime pts = gst_segment_to_running_time(gst_sample_get_segment(sample.get()), GST_FORMAT_TIME, GST_BUFFER_PTS(buffer));
         const bool sync = !GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
-        const MediaSample compressed = MediaSample::h264(GstBufferPtr(gst_buffer_ref(buffer)),
+        GstBufferPtr units = withoutInBandHeaders(buffer);
+        const MediaSample compressed = MediaSample::h264(units ? std::move(units) : GstBufferPtr(gst_buffer_ref(buffer)),
                                                          pts == GST_CLOCK_TIME_NONE ? MediaTime() : MediaTime::fromNanoseconds(pts),
                                                          sync, that->parameterSets_);
         that->produced_.store(true);
         that->onOutput_(&compressed);
         return GST_FLOW_OK;
+    }
+
+    // Encoders that write a byte stream (openh264enc, the hardware ones) repeat SPS and PPS
+    // inside key frames, and some add access unit delimiters; h264parse keeps them. The
+    // parameter sets travel beside the sample (the packetiser puts them in front of key
+    // frames), so these NAL units are taken out: null when there are none to take out,
+    // otherwise a new buffer with the rest.
+    static GstBufferPtr withoutInBandHeaders(GstBuffer *buffer)
+    {
+        MappedBuffer data(buffer);
+        if (!data.ok()) return nullptr;
+        const std::span<const uint8_t> b = data.bytes();
+        auto isHeader = [](uint8_t nal) {
+            const int type = nal & 0x1F;
+            return type == 7 || type == 8 || type == 9;
+        };
+        bool any = false;
+        for (size_t off = 0; off + 4 < b.size();) {
+            const size_t len = size_t(b[off]) << 24 | size_t(b[off + 1]) << 16 | size_t(b[off + 2]) << 8 | b[off + 3];
+            if (len > b.size() - off - 4) return nullptr; // malformed: left to the packetiser's checks
+            if (len > 0 && isHeader(b[off + 4])) any = true;
+            off += 4 + len;
+        }
+        if (!any) return nullptr;
+        std::vector<uint8_t> kept;
+        kept.reserve(b.size());
+        for (size_t off = 0; off + 4 < b.size();) {
+            const size_t len = size_t(b[off]) << 24 | size_t(b[off + 1]) << 16 | size_t(b[off + 2]) << 8 | b[off + 3];
+            if (len == 0 || !isHeader(b[off + 4])) kept.insert(kept.end(), b.begin() + std::ptrdiff_t(off), b.begin() + std::ptrdiff_t(off + 4 + len));
+            off += 4 + len;
+        }
+        return bufferFromBytes(kept);
     }
 
     // Streaming thread. Re-reads SPS and PPS only when the caps object changed.

@@ -1,0 +1,266 @@
+// The H.264 encoder with the software fallback, checked against real decoders (ffprobe):
+// profile, GOP, parameter sets on key frames, frame count, size changes, live rate changes
+// and the per-second byte cap. Hardware encoders cannot run here; their test skips.
+#include "capture/h264_hw_encoder.h"
+#include "common/log.h"
+#include "media_test_support.h"
+#include "support/test_support.h"
+
+#include <QDir>
+#include <QJsonDocument>
+#include <QStringList>
+
+#include <gtest/gtest.h>
+
+#include <mutex>
+
+using namespace velocast::capture;
+using namespace velocast::test;
+
+namespace {
+
+// Records log lines of the capture category while alive.
+class LogRecorder {
+public:
+    LogRecorder()
+    {
+        previous_ = velocast::setLogTap([this](const char *, const QString &text) {
+            std::lock_guard lock(mutex_);
+            lines_ << text;
+        });
+    }
+    ~LogRecorder() { velocast::setLogTap(previous_); }
+    QStringList lines() const
+    {
+        std::lock_guard lock(mutex_);
+        return lines_;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    QStringList lines_;
+    velocast::LogTap previous_;
+};
+
+QString tempFile(const char *name) { return QDir(freshTempDir()).filePath(name); }
+
+// Checks what every packet must look like and returns the key-frame indices.
+std::vector<size_t> checkAnnexBStructure(const std::vector<EncodedPacket> &packets)
+{
+    std::vector<size_t> keys;
+    for (size_t i = 0; i < packets.size(); ++i) {
+        const auto units = splitAnnexB(packets[i].bytes);
+        EXPECT_FALSE(units.empty()) << "packet " << i;
+        if (units.empty()) continue;
+        EXPECT_EQ(packets[i].bytes[3], 0x01) << "packet " << i << " starts with a four-byte start code";
+        std::vector<int> types;
+        for (const auto &u : units) types.push_back(u.type);
+        if (packets[i].key) {
+            keys.push_back(i);
+            EXPECT_GE(types.size(), 3u) << "packet " << i;
+            if (types.size() < 3) continue;
+            EXPECT_EQ(types[0], 7) << "SPS first in key packet " << i;
+            EXPECT_EQ(types[1], 8) << "PPS second in key packet " << i;
+            for (size_t k = 2; k < types.size(); ++k) EXPECT_EQ(types[k], 5) << "IDR slices in key packet " << i;
+        } else {
+            for (int t : types) EXPECT_EQ(t, 1) << "only non-IDR slices in packet " << i;
+        }
+    }
+    return keys;
+}
+
+} // namespace
+
+TEST(H264HWEncoder, SoftwareFallbackMakesConstrainedBaselineWithShortGops)
+{
+    if (!haveFfprobe()) GTEST_SKIP() << "ffprobe (Debian package ffmpeg) is not installed";
+    LogRecorder log;
+    PacketCollector out;
+    H264HWEncoder encoder;
+    encoder.setDelegate(&out);
+    encoder.setOutputSize({320, 240});
+    constexpr int kFrames = 75;
+    ASSERT_TRUE(encodePaced(encoder, out, 320, 240, kFrames));
+    encoder.invalidate();
+    EXPECT_FALSE(encoder.hasSession());
+
+    // No device here, so the chain falls through to the first software encoder.
+    EXPECT_EQ(encoder.chosenEncoderName(), "x264enc");
+    EXPECT_FALSE(encoder.chosenEncoderIsHardware());
+    const QStringList lines = log.lines();
+    EXPECT_TRUE(lines.contains("VTencode session null"));
+    EXPECT_TRUE(lines.contains("Init VTencode session"));
+    EXPECT_TRUE(lines.contains("set bitrate   return: 0"));
+    EXPECT_TRUE(lines.contains("setframeStatus:0"));
+    EXPECT_TRUE(lines.contains("start encode  return: 0"));
+    EXPECT_TRUE(lines.contains("H.264 encoder: x264enc (software), 320x240")) << lines.join('\n').toStdString();
+
+    const auto packets = out.packets();
+    ASSERT_EQ(packets.size(), size_t(kFrames));
+    for (size_t i = 0; i < packets.size(); ++i)
+        EXPECT_EQ(packets[i].timestamp.toNanoseconds(), makeNv12(2, 2, int(i)).presentationTime().toNanoseconds()) << i;
+    const auto keys = checkAnnexBStructure(packets);
+    ASSERT_FALSE(keys.empty());
+    EXPECT_EQ(keys.front(), 0u);
+    for (size_t k = 1; k < keys.size(); ++k) EXPECT_LE(keys[k] - keys[k - 1], 30u);
+    EXPECT_LE(kFrames - keys.back(), 30u);
+
+    const QString file = tempFile("video.h264");
+    ASSERT_TRUE(writeFile(file, joinPackets(packets)));
+    const QJsonObject s = ffprobeStream(file, "codec_name,profile,width,height,has_b_frames,nb_read_frames");
+    EXPECT_EQ(s.value("profile").toString(), "Constrained Baseline") << QJsonDocument(s).toJson().constData();
+    EXPECT_EQ(s.value("width").toInt(), 320);
+    EXPECT_EQ(s.value("height").toInt(), 240);
+    EXPECT_EQ(s.value("has_b_frames").toInt(), 0);
+    EXPECT_EQ(s.value("nb_read_frames").toString(), QString::number(kFrames));
+    const QJsonArray frames = ffprobeFrames(file, "pict_type");
+    for (const auto &f : frames) EXPECT_NE(f.toObject().value("pict_type").toString(), "B");
+}
+
+TEST(H264HWEncoder, DefaultSizeIsPortraitAndASizeChangeStartsANewStreamWithAKeyFrame)
+{
+    if (!haveFfprobe()) GTEST_SKIP() << "ffprobe (Debian package ffmpeg) is not installed";
+    PacketCollector out;
+    H264HWEncoder encoder;
+    encoder.setDelegate(&out);
+    // No setOutputSize: the first session is 1080 x 1920.
+    ASSERT_TRUE(encodePaced(encoder, out, 320, 240, 2));
+    // The bridge's order: disable, resize, enable; the next picture builds the new session.
+    encoder.setUnable(true);
+    encoder.setOutputSize({160.9, 121}); // truncated to 160, and odd sizes to the even one below
+    encoder.setUnable(false);
+    EXPECT_FALSE(encoder.hasSession());
+    ASSERT_TRUE(encodePaced(encoder, out, 320, 240, 5, 2));
+    // A new input format also needs a new session, at the same output size.
+    ASSERT_TRUE(encodePaced(encoder, out, 640, 480, 3, 7));
+    encoder.invalidate();
+
+    const auto packets = out.packets();
+    ASSERT_EQ(packets.size(), 10u);
+    EXPECT_TRUE(packets[0].key);
+    EXPECT_TRUE(packets[2].key) << "the resized stream starts with a key frame";
+    EXPECT_TRUE(packets[7].key) << "so does the stream of the new input format";
+    checkAnnexBStructure(packets);
+
+    const QString file = tempFile("resized.h264");
+    ASSERT_TRUE(writeFile(file, joinPackets(packets)));
+    const QJsonArray frames = ffprobeFrames(file, "width,height,key_frame");
+    ASSERT_EQ(frames.size(), 10);
+    for (int i = 0; i < 10; ++i) {
+        const QJsonObject f = frames[i].toObject();
+        EXPECT_EQ(f.value("width").toInt(), i < 2 ? 1080 : 160) << "frame " << i;
+        EXPECT_EQ(f.value("height").toInt(), i < 2 ? 1920 : 120) << "frame " << i;
+    }
+}
+
+TEST(H264HWEncoder, LiveRateChangeTakesEffectAndEveryOneSecondWindowStaysUnderTheCap)
+{
+    PacketCollector out;
+    H264HWEncoder encoder;
+    encoder.setDelegate(&out);
+    encoder.setOutputSize({320, 240});
+    encoder.changeBitrate(600000); // before any session: only stored
+    EXPECT_EQ(encoder.bitrate(), 600000);
+    EXPECT_FALSE(encoder.hasSession());
+    constexpr int kPhase = 120; // four seconds at 30 fps
+    ASSERT_TRUE(encodePaced(encoder, out, 320, 240, kPhase, 0, true));
+    encoder.changeBitrate(200000);
+    EXPECT_TRUE(encoder.hasSession()) << "x264enc takes the new rate without a new session";
+    ASSERT_TRUE(encodePaced(encoder, out, 320, 240, kPhase, kPhase, true));
+    encoder.invalidate();
+
+    const auto packets = out.packets();
+    ASSERT_EQ(packets.size(), size_t(2 * kPhase));
+    for (size_t i = 0; i < packets.size(); ++i)
+        if (packets[i].key) {
+            EXPECT_EQ(i % 30, 0u) << "no extra key frame at the rate change (frame " << i << ")";
+        }
+
+    // Bytes in every window of 30 frames (one second at the expected 30 fps) against the
+    // cap of rate / 4 bytes, using the higher rate for windows that straddle the change.
+    for (size_t start = 0; start + 30 <= packets.size(); ++start) {
+        size_t bytes = 0;
+        for (size_t i = start; i < start + 30; ++i) bytes += packets[i].bytes.size();
+        const size_t cap = (start < size_t(kPhase) ? 600000 : 200000) / 4;
+        EXPECT_LE(bytes, cap) << "window starting at frame " << start;
+    }
+    // The average of each phase's last three seconds against its target.
+    auto averageBitsPerSecond = [&](size_t from) {
+        size_t bytes = 0;
+        for (size_t i = from; i < from + 90; ++i) bytes += packets[i].bytes.size();
+        return double(bytes) * 8 / 3;
+    };
+    const double before = averageBitsPerSecond(kPhase - 90);
+    const double after = averageBitsPerSecond(2 * kPhase - 90);
+    EXPECT_GT(before, 0.7 * 600000) << "noise keeps the encoder at its rate";
+    EXPECT_LT(before, 1.3 * 600000);
+    EXPECT_GT(after, 0.5 * 200000);
+    EXPECT_LT(after, 1.3 * 200000);
+}
+
+TEST(H264HWEncoder, LastFallbackRebuildsItsSessionForARateChange)
+{
+    if (!elementExists("openh264enc")) GTEST_SKIP() << "openh264enc (libopenh264-7) is not installed";
+    if (!haveFfprobe()) GTEST_SKIP() << "ffprobe (Debian package ffmpeg) is not installed";
+    PacketCollector out;
+    H264HWEncoder encoder;
+    encoder.setDelegate(&out);
+    encoder.setEncoderChain({"openh264enc"});
+    encoder.setOutputSize({320, 240});
+    ASSERT_TRUE(encodePaced(encoder, out, 320, 240, 10));
+    EXPECT_EQ(encoder.chosenEncoderName(), "openh264enc");
+    encoder.changeBitrate(500000);
+    EXPECT_FALSE(encoder.hasSession()) << "openh264enc cannot change its rate live";
+    ASSERT_TRUE(encodePaced(encoder, out, 320, 240, 10, 10));
+    encoder.invalidate();
+
+    const auto packets = out.packets();
+    ASSERT_EQ(packets.size(), 20u);
+    EXPECT_TRUE(packets[10].key) << "the rebuilt session starts with a key frame";
+    checkAnnexBStructure(packets);
+    const QString file = tempFile("openh264.h264");
+    ASSERT_TRUE(writeFile(file, joinPackets(packets)));
+    const QJsonObject s = ffprobeStream(file, "profile,has_b_frames,nb_read_frames");
+    EXPECT_EQ(s.value("profile").toString(), "Constrained Baseline") << QJsonDocument(s).toJson().constData();
+    EXPECT_EQ(s.value("nb_read_frames").toString(), "20");
+}
+
+TEST(H264HWEncoder, DisabledEncoderDropsPicturesSilently)
+{
+    LogRecorder log;
+    PacketCollector out;
+    H264HWEncoder encoder;
+    encoder.setDelegate(&out);
+    encoder.setUnable(true);
+    for (int i = 0; i < 5; ++i) encoder.encode(makeNv12(64, 48, i));
+    EXPECT_FALSE(encoder.hasSession());
+    EXPECT_TRUE(log.lines().isEmpty()) << log.lines().join('\n').toStdString();
+
+    // No usable encoder at all: logged, and tried again with the next picture.
+    encoder.setUnable(false);
+    encoder.setEncoderChain({"no-such-encoder"});
+    encoder.encode(makeNv12(64, 48, 0));
+    encoder.encode(makeNv12(64, 48, 1));
+    EXPECT_FALSE(encoder.hasSession());
+    EXPECT_EQ(log.lines().count("VT encode Error"), 2);
+    EXPECT_EQ(out.count(), 0u);
+}
+
+TEST(H264HWEncoder, HardwareEncoderWhereADeviceExists)
+{
+    std::vector<std::string> hardware;
+    for (const char *name : h264EncoderChain())
+        if (std::string(name) != "x264enc" && std::string(name) != "openh264enc" && elementExists(name)) hardware.emplace_back(name);
+    if (hardware.empty()) GTEST_SKIP() << "no hardware H.264 encoder registered here (no VA-API, NVENC or V4L2 device)";
+    PacketCollector out;
+    H264HWEncoder encoder;
+    encoder.setDelegate(&out);
+    encoder.setEncoderChain(hardware);
+    encoder.setOutputSize({320, 240});
+    ASSERT_TRUE(encodePaced(encoder, out, 320, 240, 31));
+    encoder.invalidate();
+    EXPECT_TRUE(encoder.chosenEncoderIsHardware());
+    const auto keys = checkAnnexBStructure(out.packets());
+    ASSERT_GE(keys.size(), 2u);
+    EXPECT_LE(keys[1] - keys[0], 30u);
+}

@@ -1,0 +1,108 @@
+// AVCC -> Annex-B: the layout byte for byte, the parameter sets on key frames, and the
+// length fields that do not fit (run under ASan, an out-of-bounds read fails the test).
+#include "capture/avc_config.h"
+#include "capture/h264_packet.h"
+
+#include <gtest/gtest.h>
+
+using namespace velocast::capture;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+MediaSample avccSample(const Bytes &avcc, bool sync, std::vector<ByteVector> sets = {})
+{
+    return MediaSample::h264(bufferFromBytes(avcc), MediaTime::make(1, 30), sync, std::move(sets));
+}
+
+const Bytes kSps{0x67, 0x42, 0xC0, 0x1E, 0xAB}; // NAL 7, Constrained Baseline, level 3.0
+const Bytes kPps{0x68, 0xCE, 0x3C, 0x80};       // NAL 8
+
+} // namespace
+
+TEST(H264Packet, NonKeySampleBecomesStartCodePrefixedUnits)
+{
+    const Bytes avcc{
+        0x00, 0x00, 0x00, 0x05, 0x41, 0x01, 0x02, 0x03, 0x04,             // length 5, non-IDR slice
+        0x00, 0x00, 0x00, 0x07, 0x41, 0x11, 0x12, 0x13, 0x14, 0x15, 0x16, // length 7
+    };
+    ASSERT_EQ(avcc.size(), 20u);
+    const H264Packet p(avccSample(avcc, false, {kSps, kPps}));
+    EXPECT_FALSE(p.keyFrame());
+    EXPECT_EQ(p.packet(), (Bytes{
+                              0x00, 0x00, 0x00, 0x01, 0x41, 0x01, 0x02, 0x03, 0x04,
+                              0x00, 0x00, 0x00, 0x01, 0x41, 0x11, 0x12, 0x13, 0x14, 0x15, 0x16,
+                          })) << "non-key frames carry no parameter sets";
+}
+
+TEST(H264Packet, KeySampleCarriesSpsAndPpsInFront)
+{
+    const Bytes avcc{0x00, 0x00, 0x00, 0x03, 0x65, 0x88, 0x84}; // IDR slice
+    const H264Packet p(avccSample(avcc, true, {kSps, kPps}));
+    EXPECT_TRUE(p.keyFrame());
+    EXPECT_EQ(p.packet(), (Bytes{
+                              0x00, 0x00, 0x00, 0x01, 0x67, 0x42, 0xC0, 0x1E, 0xAB, // start code, SPS as stored
+                              0x00, 0x00, 0x00, 0x01, 0x68, 0xCE, 0x3C, 0x80,       // start code, PPS
+                              0x00, 0x00, 0x00, 0x01, 0x65, 0x88, 0x84,             // start code, slice
+                          }));
+
+    // Without both parameter sets a key frame goes out with neither, still marked key.
+    const H264Packet noPps(avccSample(avcc, true, {kSps}));
+    EXPECT_TRUE(noPps.keyFrame());
+    EXPECT_EQ(noPps.packet(), (Bytes{0x00, 0x00, 0x00, 0x01, 0x65, 0x88, 0x84}));
+}
+
+TEST(H264Packet, LengthFieldsThatDoNotFitEndTheWalk)
+{
+    struct Case {
+        const char *what;
+        Bytes avcc;
+        Bytes expected;
+    };
+    const Case cases[] = {
+        {"exactly one length field: no unit", {0x00, 0x00, 0x00, 0x09}, {}},
+        {"empty sample", {}, {}},
+        {"shorter than a length field", {0x00, 0x00, 0x01}, {}},
+        {"first length past the end", {0x00, 0x00, 0x00, 0x09, 0x41, 0x01}, {}},
+        {"length 0xFFFFFFFF (no wrap-around)", {0xFF, 0xFF, 0xFF, 0xFF, 0x41, 0x01, 0x02, 0x03, 0x04}, {}},
+        {"second length past the end keeps the first unit",
+         {0x00, 0x00, 0x00, 0x01, 0x41, 0x00, 0x00, 0x10, 0x00, 0x41, 0x02},
+         {0x00, 0x00, 0x00, 0x01, 0x41}},
+        {"up to four trailing bytes are ignored",
+         {0x00, 0x00, 0x00, 0x01, 0x41, 0x00, 0x00, 0x00, 0x05},
+         {0x00, 0x00, 0x00, 0x01, 0x41}},
+        {"an empty unit is a bare start code",
+         {0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x01, 0x41},
+         {0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x01, 0x41}},
+    };
+    for (const Case &c : cases) {
+        const H264Packet p(avccSample(c.avcc, false));
+        EXPECT_EQ(p.packet(), c.expected) << c.what;
+    }
+}
+
+TEST(AvcDecoderConfig, ParsesBuildsAndRejectsTruncatedRecords)
+{
+    const Bytes record = buildAvcDecoderConfig(kSps, kPps);
+    EXPECT_EQ(record, (Bytes{0x01, 0x42, 0xC0, 0x1E, 0xFF, 0xE1, 0x00, 0x05, 0x67, 0x42, 0xC0, 0x1E, 0xAB,
+                             0x01, 0x00, 0x04, 0x68, 0xCE, 0x3C, 0x80}));
+    const auto parsed = parseAvcDecoderConfig(record);
+    ASSERT_TRUE(parsed.has_value());
+    EXPECT_EQ(parsed->nalLengthSize, 4);
+    ASSERT_EQ(parsed->sps.size(), 1u);
+    ASSERT_EQ(parsed->pps.size(), 1u);
+    EXPECT_EQ(parsed->sps[0], kSps);
+    EXPECT_EQ(parsed->pps[0], kPps);
+
+    // Every truncation of a valid record is refused, never read past.
+    for (size_t n = 0; n < record.size(); ++n)
+        EXPECT_FALSE(parseAvcDecoderConfig(std::span(record.data(), n)).has_value()) << n << " bytes";
+    Bytes badLength = record;
+    badLength[7] = 0xFF; // SPS length 255 in a 20-byte record
+    EXPECT_FALSE(parseAvcDecoderConfig(badLength).has_value());
+    Bytes version2 = record;
+    version2[0] = 2;
+    EXPECT_FALSE(parseAvcDecoderConfig(version2).has_value());
+    EXPECT_TRUE(buildAvcDecoderConfig(Bytes{0x67, 0x42}, kPps).empty()) << "an SPS without profile and level bytes";
+}

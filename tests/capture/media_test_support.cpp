@@ -1,0 +1,138 @@
+#include "media_test_support.h"
+
+#include <QFile>
+#include <QJsonDocument>
+#include <QProcess>
+#include <QStandardPaths>
+
+#include <cmath>
+#include <random>
+
+namespace velocast::test {
+
+using capture::MediaSample;
+using capture::MediaTime;
+
+MediaSample makeNv12(int width, int height, int index, bool noisy)
+{
+    std::vector<uint8_t> bytes(size_t(width) * size_t(height) * 3 / 2);
+    std::mt19937 rng(uint32_t(index) * 7919u + 1);
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x)
+            bytes[size_t(y) * size_t(width) + size_t(x)] = uint8_t((x + y + index * 4) & 0xFF) ^ (noisy ? uint8_t(rng() & 0x3F) : 0);
+    for (size_t i = size_t(width) * size_t(height); i < bytes.size(); ++i)
+        bytes[i] = uint8_t(128 + ((i + size_t(index)) % 32) + (noisy ? (rng() & 0x0F) : 0));
+    return MediaSample::rawVideo(capture::bufferFromBytes(bytes), "NV12", width, height,
+                                 MediaTime::make(int64_t(index) * 1000, 30000)); // 30 fps in a 30 kHz time base
+}
+
+MediaSample makePcm(int rate, int frames, int64_t firstSample)
+{
+    std::vector<int16_t> pcm(size_t(frames) * 2);
+    for (int i = 0; i < frames; ++i) {
+        const double t = double(firstSample + i) / rate;
+        const auto v = int16_t(8000 * std::sin(2 * M_PI * 440 * t));
+        pcm[size_t(i) * 2] = v;
+        pcm[size_t(i) * 2 + 1] = v;
+    }
+    const auto *bytes = reinterpret_cast<const uint8_t *>(pcm.data());
+    return MediaSample::rawAudio(capture::bufferFromBytes({bytes, pcm.size() * 2}), "S16LE", rate, 2, MediaTime::make(firstSample, rate));
+}
+
+MediaSample makeAac(std::vector<uint8_t> payload, MediaTime pts)
+{
+    return MediaSample::aac(capture::bufferFromBytes(payload), pts);
+}
+
+std::vector<NalUnit> splitAnnexB(std::span<const uint8_t> b)
+{
+    std::vector<size_t> starts;
+    for (size_t i = 0; i + 4 <= b.size(); ++i)
+        if (b[i] == 0 && b[i + 1] == 0 && b[i + 2] == 0 && b[i + 3] == 1) starts.push_back(i);
+    std::vector<NalUnit> units;
+    for (size_t k = 0; k < starts.size(); ++k) {
+        const size_t begin = starts[k] + 4;
+        const size_t end = k + 1 < starts.size() ? starts[k + 1] : b.size();
+        units.push_back({begin < b.size() ? b[begin] & 0x1F : -1, begin, end - begin});
+    }
+    return units;
+}
+
+void PacketCollector::gotH264EncodedData(const std::vector<uint8_t> &data, bool keyFrame, MediaTime timestamp, const capture::MediaError *)
+{
+    {
+        std::lock_guard lock(mutex_);
+        packets_.push_back({data, keyFrame, timestamp});
+    }
+    arrived_.notify_all();
+}
+
+size_t PacketCollector::count() const
+{
+    std::lock_guard lock(mutex_);
+    return packets_.size();
+}
+
+std::vector<EncodedPacket> PacketCollector::packets() const
+{
+    std::lock_guard lock(mutex_);
+    return packets_;
+}
+
+bool PacketCollector::waitFor(size_t n, std::chrono::milliseconds timeout) const
+{
+    std::unique_lock lock(mutex_);
+    return arrived_.wait_for(lock, timeout, [&] { return packets_.size() >= n; });
+}
+
+bool encodePaced(capture::H264HWEncoder &encoder, PacketCollector &out, int width, int height, int count, int firstIndex, bool noisy)
+{
+    const size_t base = out.count();
+    for (int i = 0; i < count; ++i) {
+        encoder.encode(makeNv12(width, height, firstIndex + i, noisy));
+        if (!out.waitFor(base + size_t(i) + 1)) return false;
+    }
+    return true;
+}
+
+bool writeFile(const QString &path, std::span<const uint8_t> bytes)
+{
+    QFile f(path);
+    if (!f.open(QIODevice::WriteOnly)) return false;
+    return f.write(reinterpret_cast<const char *>(bytes.data()), qint64(bytes.size())) == qint64(bytes.size());
+}
+
+std::vector<uint8_t> joinPackets(const std::vector<EncodedPacket> &packets)
+{
+    std::vector<uint8_t> all;
+    for (const auto &p : packets) all.insert(all.end(), p.bytes.begin(), p.bytes.end());
+    return all;
+}
+
+bool haveFfprobe() { return !QStandardPaths::findExecutable("ffprobe").isEmpty(); }
+
+namespace {
+
+QJsonObject runFfprobe(const QStringList &args)
+{
+    QProcess p;
+    p.start("ffprobe", args);
+    if (!p.waitForFinished(60000) || p.exitCode() != 0) return {{"error", QString::fromUtf8(p.readAllStandardError())}};
+    return QJsonDocument::fromJson(p.readAllStandardOutput()).object();
+}
+
+} // namespace
+
+QJsonObject ffprobeStream(const QString &file, const QString &entries)
+{
+    const QJsonObject o = runFfprobe({"-v", "error", "-count_frames", "-show_entries", "stream=" + entries, "-of", "json", file});
+    if (o.contains("error")) return o;
+    return o.value("streams").toArray().first().toObject();
+}
+
+QJsonArray ffprobeFrames(const QString &file, const QString &entries)
+{
+    return runFfprobe({"-v", "error", "-show_entries", "frame=" + entries, "-of", "json", file}).value("frames").toArray();
+}
+
+} // namespace velocast::test

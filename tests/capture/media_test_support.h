@@ -1,0 +1,71 @@
+// Helpers shared by the media tests: synthetic pictures and PCM, an Annex-B splitter, a
+// collecting encoder delegate, and ffprobe as an independent decoder.
+#pragma once
+
+#include "capture/h264_hw_encoder.h"
+#include "capture/media_sample.h"
+
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QString>
+
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <span>
+#include <vector>
+
+namespace velocast::test {
+
+// An NV12 picture: a gradient that moves with index, plus per-pixel noise when noisy (which
+// makes every frame expensive to code, so that the rate control is what limits the size).
+capture::MediaSample makeNv12(int width, int height, int index, bool noisy = false);
+// Interleaved S16LE stereo: a sine, continuing from sample number firstSample.
+capture::MediaSample makePcm(int rate, int frames, int64_t firstSample);
+capture::MediaSample makeAac(std::vector<uint8_t> payload, capture::MediaTime pts);
+
+struct NalUnit {
+    int type = 0;
+    size_t offset = 0; // of the NAL header byte
+    size_t size = 0;   // without the start code
+};
+// Splits at four-byte start codes; the bytes before the first one, if any, are ignored.
+std::vector<NalUnit> splitAnnexB(std::span<const uint8_t> bytes);
+
+struct EncodedPacket {
+    std::vector<uint8_t> bytes;
+    bool key = false;
+    capture::MediaTime timestamp;
+};
+
+// Collects what an H264HWEncoder delivers (on its streaming thread).
+class PacketCollector final : public capture::H264HWEncoderDelegate {
+public:
+    void gotH264EncodedData(const std::vector<uint8_t> &data, bool keyFrame, capture::MediaTime timestamp,
+                            const capture::MediaError *error) override;
+    size_t count() const;
+    std::vector<EncodedPacket> packets() const;
+    // Blocks until at least n packets arrived or the time is up.
+    bool waitFor(size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
+
+private:
+    mutable std::mutex mutex_;
+    mutable std::condition_variable arrived_;
+    std::vector<EncodedPacket> packets_;
+};
+
+// Feeds count pictures one at a time, each after the previous one came out, so that the
+// encoder's drop-oldest queue never drops one. Returns false on a time-out.
+bool encodePaced(capture::H264HWEncoder &encoder, PacketCollector &out, int width, int height, int count, int firstIndex = 0,
+                 bool noisy = false);
+
+bool writeFile(const QString &path, std::span<const uint8_t> bytes);
+std::vector<uint8_t> joinPackets(const std::vector<EncodedPacket> &packets);
+
+bool haveFfprobe();
+// The first stream's entries, or {"error": text}.
+QJsonObject ffprobeStream(const QString &file, const QString &entries);
+// One object per decoded frame with the given entries (e.g. "key_frame,pict_type,width").
+QJsonArray ffprobeFrames(const QString &file, const QString &entries);
+
+} // namespace velocast::test
