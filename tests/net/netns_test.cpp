@@ -68,9 +68,13 @@ public:
     }
     void writeResolvConf(const QByteArray &text)
     {
-        QDir().mkpath("/etc/netns/" + name_);
         QFile file("/etc/netns/" + name_ + "/resolv.conf");
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly) && file.write(text) == text.size());
+        // Another test's clean-up may remove an empty /etc/netns between mkpath and open.
+        for (int attempt = 0; attempt < 3 && !file.isOpen(); ++attempt) {
+            QDir().mkpath("/etc/netns/" + name_);
+            file.open(QIODevice::WriteOnly);
+        }
+        ASSERT_EQ(file.write(text), text.size()) << file.errorString().toStdString();
     }
 
 private:
