@@ -326,3 +326,59 @@ TEST(ReceiverLoopback, SurvivesHostileInputAndCountsEachFault)
     EXPECT_EQ(m.id, "id_connect_refuse");
     EXPECT_EQ(m.property.value("msg").toInt(), 1);
 }
+
+TEST(ReceiverLoopback, ScenarioWaitsForEventsAndChecksTheSafeCode)
+{
+    const QString dir = velocast::test::freshTempDir();
+    QFile scenario(QDir(dir).filePath("steer.txt"));
+    ASSERT_TRUE(scenario.open(QIODevice::WriteOnly));
+    scenario.write("# steer once the cast is asked for\n"
+                   "await id_permission_request\n"
+                   "resize 2\n"
+                   "await id_never_sent 50\n"
+                   "stop\n");
+    scenario.close();
+
+    ReceiverOptions o;
+    o.bind = QHostAddress(QHostAddress::LocalHost);
+    o.controlPort = 0;
+    o.mediaPort = 0;
+    o.safeCode = 9;
+    o.control.permission = ControlPolicy::Answer::Manual;
+    o.scenarioPath = scenario.fileName();
+    o.echo = false;
+    o.readStdin = false;
+    Receiver r(o);
+    QStringList events;
+    QObject::connect(r.eventLog(), &EventLog::logged, [&](const QString &e, const QJsonObject &f) {
+        events << (e == "message_sent" ? e + ":" + f.value("id").toString() : e);
+    });
+    QString error;
+    ASSERT_TRUE(r.start(&error)) << error.toStdString();
+
+    // A code typed for another receiver carries another safe code: refused with msg 2.
+    ControlClient stranger;
+    ASSERT_TRUE(stranger.connectTo(r.control()->port()));
+    stranger.send("id_connect_request", {{"name", "pc"}, {"safe_code", "4"}, {"ip", "127.0.0.1"}});
+    const ControlMessage refusal = stranger.next();
+    EXPECT_EQ(refusal.id, "id_connect_refuse");
+    EXPECT_EQ(refusal.property.value("msg").toInt(), 2);
+    EXPECT_TRUE(events.contains("safe_code_mismatch"));
+
+    ControlClient client;
+    ASSERT_TRUE(client.connectTo(r.control()->port()));
+    client.send("id_connect_request", {{"name", "pc"}, {"safe_code", 9}, {"ip", "127.0.0.1"}});
+    EXPECT_EQ(client.next().id, "id_connect_allow");
+    // Nothing of the scenario yet: it waits for the permission request.
+    EXPECT_FALSE(events.contains("message_sent:id_codec_resize"));
+    EXPECT_FALSE(events.contains("command_error"));
+    client.send("id_permission_request", {{"type", 2}});
+    const ControlMessage resize = client.next();
+    EXPECT_EQ(resize.id, "id_codec_resize");
+    EXPECT_EQ(resize.property.value("count").toInt(), 2);
+    // The second await times out and the scenario goes on.
+    EXPECT_EQ(client.next().id, "id_permission_disconnect");
+    EXPECT_EQ(events.count("await_timeout"), 1);
+    // Manual permission: the receiver itself sent no answer.
+    EXPECT_TRUE(client.received.isEmpty());
+}
