@@ -58,17 +58,17 @@ OutgoingMessage pointer(qint64 type, qint64 x, qint64 y, qint64 w, qint64 h, qin
 
 } // namespace
 
+// Placeholder TXT pairs: the sender passes them through to its service advertisement
+// without reading anything but "deviceid".
 QJsonObject airplayConfigProperty(const QString &deviceId, int port)
 {
     const QJsonObject airplay{{QStringLiteral("deviceid"), deviceId},
-                              {QStringLiteral("features"), QStringLiteral("0x5A7FFFF7,0x1E")},
+                              {QStringLiteral("features"), QStringLiteral("0x0")},
                               {QStringLiteral("model"), QStringLiteral("VelocastReceiver1,1")},
-                              {QStringLiteral("srcvers"), QStringLiteral("220.68")},
-                              {QStringLiteral("vv"), QStringLiteral("2")}};
+                              {QStringLiteral("srcvers"), QStringLiteral("1.0")}};
     const QJsonObject airtunes{{QStringLiteral("txtvers"), QStringLiteral("1")}, {QStringLiteral("ch"), QStringLiteral("2")},
-                               {QStringLiteral("cn"), QStringLiteral("0,1")},    {QStringLiteral("et"), QStringLiteral("0,3")},
                                {QStringLiteral("sr"), QStringLiteral("44100")},  {QStringLiteral("ss"), QStringLiteral("16")},
-                               {QStringLiteral("tp"), QStringLiteral("UDP")},    {QStringLiteral("vn"), QStringLiteral("65537")}};
+                               {QStringLiteral("tp"), QStringLiteral("UDP")}};
     return {{QStringLiteral("airplay_txt"), airplay}, {QStringLiteral("airtunes_txt"), airtunes}, {QStringLiteral("port"), port}};
 }
 
