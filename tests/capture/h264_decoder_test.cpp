@@ -1,0 +1,206 @@
+// The H.264 decoder: the encoder's own output decoded back to pictures, and its parsing
+// rules on crafted frames (run under ASan: no hostile frame may read out of bounds).
+#include "push/bridge/h264_hw_decoder.h"
+#include "media_test_support.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <random>
+
+using namespace velocast::capture;
+using namespace velocast::test;
+using velocast::push::H264HWDecoder;
+using velocast::push::H264HWDecoderDelegate;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+class PictureCollector final : public H264HWDecoderDelegate {
+public:
+    void displayDecodedFrame(const MediaSample &image) override
+    {
+        {
+            std::lock_guard lock(mutex_);
+            pictures_.push_back(image);
+        }
+        arrived_.notify_all();
+    }
+    bool waitFor(size_t n)
+    {
+        std::unique_lock lock(mutex_);
+        return arrived_.wait_for(lock, std::chrono::seconds(20), [&] { return pictures_.size() >= n; });
+    }
+    std::vector<MediaSample> pictures()
+    {
+        std::lock_guard lock(mutex_);
+        return pictures_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable arrived_;
+    std::vector<MediaSample> pictures_;
+};
+
+std::vector<EncodedPacket> encodeClip(int frames, int width, int height)
+{
+    PacketCollector out;
+    H264HWEncoder encoder;
+    encoder.setDelegate(&out);
+    encoder.setOutputSize({double(width), double(height)});
+    EXPECT_TRUE(encodePaced(encoder, out, width, height, frames));
+    encoder.invalidate();
+    return out.packets();
+}
+
+const Bytes kStartCode{0x00, 0x00, 0x00, 0x01};
+
+Bytes startCode(std::initializer_list<uint8_t> nal)
+{
+    Bytes b = kStartCode;
+    b.insert(b.end(), nal.begin(), nal.end());
+    return b;
+}
+
+Bytes join(std::initializer_list<Bytes> parts)
+{
+    Bytes all;
+    for (const Bytes &p : parts) all.insert(all.end(), p.begin(), p.end());
+    return all;
+}
+
+void feed(H264HWDecoder &decoder, const Bytes &frame) { decoder.receivedRawVideoFrame(frame.data(), uint32_t(frame.size()), false); }
+
+} // namespace
+
+TEST(H264HWDecoder, DecodesTheEncodersOwnOutput)
+{
+    const auto packets = encodeClip(40, 320, 240);
+    ASSERT_EQ(packets.size(), 40u);
+    for (const std::vector<std::string> &chain : {std::vector<std::string>{}, std::vector<std::string>{"openh264dec"}}) {
+        if (!chain.empty() && !elementExists(chain[0].c_str())) continue;
+        PictureCollector out;
+        H264HWDecoder decoder;
+        decoder.setDelegate(&out);
+        if (!chain.empty()) decoder.setDecoderChain(chain);
+        for (const auto &p : packets) decoder.receivedRawVideoFrame(p.bytes.data(), uint32_t(p.bytes.size()), p.key);
+        ASSERT_TRUE(out.waitFor(40)) << decoder.decoderName() << ": " << out.pictures().size() << " pictures";
+        EXPECT_EQ(decoder.decoderName(), chain.empty() ? "avdec_h264" : chain[0]) << "no hardware decoder here";
+        const auto pictures = out.pictures();
+        for (size_t i = 0; i < pictures.size(); ++i) {
+            const MediaSample &picture = pictures[i];
+            EXPECT_EQ(picture.kind(), MediaSample::Kind::RawVideo);
+            EXPECT_EQ(picture.format(), "NV12");
+            EXPECT_EQ(picture.width(), 320);
+            EXPECT_EQ(picture.height(), 240);
+            // The whole picture came back, not only its first slice: luma close to the source.
+            MappedBuffer decoded(picture.buffer());
+            const MediaSample source = makeNv12(320, 240, int(i));
+            MappedBuffer original(source.buffer());
+            ASSERT_GE(decoded.bytes().size(), 320u * 240u);
+            double difference = 0;
+            for (size_t k = 0; k < 320u * 240u; ++k) difference += std::abs(int(decoded.bytes()[k]) - int(original.bytes()[k]));
+            EXPECT_LT(difference / (320 * 240), 6.0) << "picture " << i;
+        }
+    }
+}
+
+TEST(H264HWDecoder, FollowsItsParsingRules)
+{
+    const auto packets = encodeClip(2, 160, 120);
+    ASSERT_EQ(packets.size(), 2u);
+    ASSERT_TRUE(packets[0].key);
+    const auto units = splitAnnexB(packets[0].bytes);
+    ASSERT_GE(units.size(), 3u);
+    const size_t spsLength = units[0].size;
+    const size_t ppsLength = units[1].size;
+    ASSERT_LE(spsLength, 35u);
+
+    H264HWDecoder decoder;
+    // A PPS or a slice before any SPS: dropped, nothing is built.
+    feed(decoder, startCode({0x68, 0xCE, 0x3C, 0x80}));
+    feed(decoder, startCode({0x41, 0x9A, 0x02, 0x03}));
+    EXPECT_FALSE(decoder.hasFormatDesc());
+    EXPECT_FALSE(decoder.hasDecompressionSession());
+    EXPECT_TRUE(decoder.lastSubmittedSample().empty());
+
+    // An SPS of 40 bytes is not delimited within the search window: the next header is taken
+    // at position 4 (the SPS itself), so nothing is decoded.
+    Bytes longSps{0x67, 0x42, 0xC0, 0x1E};
+    longSps.resize(40, 0x11);
+    const Bytes longSpsFrame = join({kStartCode, longSps, startCode({0x68, 0xCE, 0x3C, 0x80}), startCode({0x65, 0x88, 0x84, 0x00})});
+    feed(decoder, longSpsFrame);
+    EXPECT_FALSE(decoder.hasFormatDesc());
+    EXPECT_TRUE(decoder.lastSubmittedSample().empty());
+
+    // A real key frame: SPS and PPS found, the session made, the IDR part submitted with its
+    // start code turned into a length.
+    feed(decoder, packets[0].bytes);
+    EXPECT_TRUE(decoder.hasFormatDesc());
+    EXPECT_TRUE(decoder.hasDecompressionSession());
+    EXPECT_EQ(decoder.spsSize(), int32_t(4 + spsLength));
+    EXPECT_EQ(decoder.ppsSize(), int32_t(4 + ppsLength));
+    EXPECT_EQ(decoder.formatSps(), Bytes(packets[0].bytes.begin() + 4, packets[0].bytes.begin() + 4 + std::ptrdiff_t(spsLength)));
+    const size_t idrOffset = 8 + spsLength + ppsLength;
+    const Bytes &idrSample = decoder.lastSubmittedSample();
+    ASSERT_EQ(idrSample.size(), packets[0].bytes.size() - idrOffset);
+    const uint32_t idrLength = uint32_t(idrSample[0]) << 24 | uint32_t(idrSample[1]) << 16 | uint32_t(idrSample[2]) << 8 | idrSample[3];
+    EXPECT_EQ(idrLength, idrSample.size() - 4);
+    EXPECT_TRUE(std::equal(idrSample.begin() + 4, idrSample.end(), packets[0].bytes.begin() + std::ptrdiff_t(idrOffset) + 4));
+
+    // With a format in place the long SPS still decodes nothing.
+    feed(decoder, longSpsFrame);
+    EXPECT_EQ(decoder.lastSubmittedSample().size(), idrSample.size());
+
+    // A non-IDR frame of 1,000 bytes is decoded from all 1,000 with the length prefix 996.
+    Bytes slice = startCode({0x41});
+    slice.resize(1000, 0x5A);
+    feed(decoder, slice);
+    const Bytes &sample = decoder.lastSubmittedSample();
+    ASSERT_EQ(sample.size(), 1000u);
+    EXPECT_EQ(Bytes(sample.begin(), sample.begin() + 5), (Bytes{0x00, 0x00, 0x03, 0xE4, 0x41}));
+    EXPECT_TRUE(std::equal(sample.begin() + 4, sample.end(), slice.begin() + 4));
+}
+
+TEST(H264HWDecoder, RefusesFramesTooShortForTheirHeaders)
+{
+    const auto packets = encodeClip(1, 160, 120);
+    ASSERT_EQ(packets.size(), 1u);
+    H264HWDecoder decoder;
+    feed(decoder, packets[0].bytes);
+    ASSERT_TRUE(decoder.hasFormatDesc());
+    const Bytes sps = decoder.formatSps();
+
+    LogRecorder log;
+    // Each of these ends where the parser would otherwise read on.
+    const Bytes cases[] = {
+        {},
+        {0x00, 0x00, 0x00, 0x01},
+        startCode({0x67}),                                               // SPS header only
+        join({kStartCode, sps, {0x00, 0x00, 0x00, 0x01}}),            // start code behind the SPS, nothing after
+        join({kStartCode, sps, startCode({0x68})}),                   // PPS header only
+        join({kStartCode, sps, startCode({0x68, 0xCE}), {0x00, 0x00}}), // PPS cut inside a start code
+        startCode({0x68, 0xCE, 0x3C, 0x80}),                             // PPS alone: the old SPS size points past it
+        join({kStartCode, sps, startCode({0x68, 0xCE, 0x3C, 0x80}), startCode({0x65})}), // IDR header only
+        startCode({0x41}),                                               // a slice of one byte
+    };
+    for (const Bytes &frame : cases) feed(decoder, frame);
+    EXPECT_FALSE(log.lines().filter("dropped").isEmpty());
+
+    // Random frames: no crash, no read past the end (ASan).
+    std::mt19937 rng(7);
+    for (int i = 0; i < 2000; ++i) {
+        Bytes frame = kStartCode;
+        frame.push_back(uint8_t(std::uniform_int_distribution<int>(0, 2)(rng) == 0 ? 0x67 : rng()));
+        const size_t n = rng() % 64;
+        for (size_t k = 0; k < n; ++k) frame.push_back(rng() % 3 == 0 ? 0 : uint8_t(rng()));
+        if (n > 8 && rng() % 2) {
+            const size_t at = rng() % (n - 4) + 5;
+            frame[at] = 0, frame[at + 1] = 0, frame[at + 2] = 0, frame[at + 3] = 1; // a start code somewhere
+        }
+        feed(decoder, frame);
+    }
+}

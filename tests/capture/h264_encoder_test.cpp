@@ -12,35 +12,11 @@
 
 #include <gtest/gtest.h>
 
-#include <mutex>
 
 using namespace velocast::capture;
 using namespace velocast::test;
 
 namespace {
-
-// Records log lines of the capture category while alive.
-class LogRecorder {
-public:
-    LogRecorder()
-    {
-        previous_ = velocast::setLogTap([this](const char *, const QString &text) {
-            std::lock_guard lock(mutex_);
-            lines_ << text;
-        });
-    }
-    ~LogRecorder() { velocast::setLogTap(previous_); }
-    QStringList lines() const
-    {
-        std::lock_guard lock(mutex_);
-        return lines_;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    QStringList lines_;
-    velocast::LogTap previous_;
-};
 
 QString tempFile(const char *name) { return QDir(freshTempDir()).filePath(name); }
 

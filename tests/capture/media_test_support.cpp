@@ -95,6 +95,22 @@ bool encodePaced(capture::H264HWEncoder &encoder, PacketCollector &out, int widt
     return true;
 }
 
+LogRecorder::LogRecorder()
+{
+    previous_ = setLogTap([this](const char *, const QString &text) {
+        std::lock_guard lock(mutex_);
+        lines_ << text;
+    });
+}
+
+LogRecorder::~LogRecorder() { setLogTap(previous_); }
+
+QStringList LogRecorder::lines() const
+{
+    std::lock_guard lock(mutex_);
+    return lines_;
+}
+
 bool writeFile(const QString &path, std::span<const uint8_t> bytes)
 {
     QFile f(path);

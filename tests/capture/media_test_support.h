@@ -8,6 +8,9 @@
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QString>
+#include <QStringList>
+
+#include "common/log.h"
 
 #include <condition_variable>
 #include <cstdint>
@@ -58,6 +61,21 @@ private:
 // encoder's drop-oldest queue never drops one. Returns false on a time-out.
 bool encodePaced(capture::H264HWEncoder &encoder, PacketCollector &out, int width, int height, int count, int firstIndex = 0,
                  bool noisy = false);
+
+// Records the lines written through velocast::logLine while alive.
+class LogRecorder {
+public:
+    LogRecorder();
+    ~LogRecorder();
+    LogRecorder(const LogRecorder &) = delete;
+    LogRecorder &operator=(const LogRecorder &) = delete;
+    QStringList lines() const;
+
+private:
+    mutable std::mutex mutex_;
+    QStringList lines_;
+    LogTap previous_;
+};
 
 bool writeFile(const QString &path, std::span<const uint8_t> bytes);
 std::vector<uint8_t> joinPackets(const std::vector<EncodedPacket> &packets);

@@ -118,6 +118,9 @@ struct H264HWDecoder::Session {
         gst_bin_add_many(GST_BIN(pipeline.get()), src, parse, dec, convert, nv12, sink, nullptr);
         if (!gst_element_link_many(src, parse, dec, convert, nv12, sink, nullptr)) return false;
         g_object_set(src, "caps", caps, "format", GST_FORMAT_TIME, nullptr);
+        // Frame threading holds pictures back by a frame per thread; slice threading hands
+        // each one out as soon as it is decoded (avdec_h264 has the switch).
+        capture::setArgProperty(dec, "thread-type", "slice");
         GstCapsPtr raw(gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, "NV12", nullptr));
         g_object_set(nv12, "caps", raw.get(), nullptr);
         g_object_set(sink, "sync", FALSE, nullptr);
