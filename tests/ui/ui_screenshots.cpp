@@ -1,0 +1,86 @@
+// Renders the casting panel, the settings window and the help wizard to PNG files:
+//   ui_screenshots <folder>   → panel.png, panel-roads.png, settings.png, help-wizard.png,
+//                               help-wizard-3.png
+// Runs on any Qt platform (offscreen by default). Preferences and autostart live in a
+// temporary folder for the run, so the user's own are never read or changed.
+#include "common/preferences.h"
+#include "ui/connect_help_controller.h"
+#include "ui/miracast_controller.h"
+#include "ui/setting_controller.h"
+
+#include <QApplication>
+#include <QDir>
+#include <QPushButton>
+#include <QTemporaryDir>
+#include <QTextStream>
+
+#include <cstdlib>
+
+namespace {
+
+bool save(QWidget *w, const QString &folder, const QString &name)
+{
+    const QString path = QDir(folder).filePath(name);
+    if (!w->grab().save(path)) {
+        QTextStream(stderr) << "cannot write " << path << '\n';
+        return false;
+    }
+    QTextStream(stdout) << path << '\n';
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QTemporaryDir config;
+    setenv("XDG_CONFIG_HOME", config.path().toLocal8Bit().constData(), 1);
+    setenv("QT_QPA_PLATFORM", "offscreen", 0);
+    QApplication app(argc, argv);
+    if (argc < 2) {
+        QTextStream(stderr) << "usage: ui_screenshots <output folder>\n";
+        return 2;
+    }
+    const QString folder = QString::fromLocal8Bit(argv[1]);
+    QDir().mkpath(folder);
+    bool ok = true;
+
+    using namespace velocast;
+    Preferences::setValue(QString::fromLatin1(prefkey::InitPCName), true);
+    SaveDisplayName(QStringLiteral("我的电脑"));
+
+    QWidget window;
+    window.setWindowTitle(QStringLiteral("Velocast"));
+    window.resize(480, 560);
+    auto *panel = new MiracastController(&window);
+    panel->setPcName(QStringLiteral("会议室大屏"));
+    panel->setGeometry(window.rect());
+    window.show();
+    QApplication::processEvents();
+    ok &= save(&window, folder, QStringLiteral("panel.png"));
+    panel->miracastMenuBtn()->click();
+    QApplication::processEvents();
+    ok &= save(&window, folder, QStringLiteral("panel-roads.png"));
+    panel->miracastMenuBtn()->click();
+
+    SettingController settings;
+    settings.show();
+    QApplication::processEvents();
+    ok &= save(&settings, folder, QStringLiteral("settings.png"));
+    settings.hide();
+
+    QWidget helpWindow;
+    helpWindow.resize(480, 560);
+    auto *content = new QWidget(&helpWindow);
+    content->setGeometry(helpWindow.rect());
+    auto *wizard = new ConnectHelpController(content);
+    helpWindow.show();
+    wizard->present();
+    QApplication::processEvents();
+    ok &= save(&helpWindow, folder, QStringLiteral("help-wizard.png"));
+    wizard->nextBtn()->click();
+    wizard->nextPage()->nextBtn()->click();
+    QApplication::processEvents();
+    ok &= save(&helpWindow, folder, QStringLiteral("help-wizard-3.png"));
+    return ok ? 0 : 1;
+}
