@@ -178,6 +178,20 @@ void MediaSink::onDatagrams()
     }
 }
 
+void MediaSink::stop()
+{
+    server_.close();
+    onDatagrams();
+    udp_.close();
+    for (auto &[number, s] : streams_) {
+        onVideoData(number);
+        if (s->socket) {
+            s->socket->disconnect(this);
+            s->socket->abort();
+        }
+    }
+}
+
 QJsonObject MediaSink::report() const
 {
     QJsonArray video = finishedStreams_;

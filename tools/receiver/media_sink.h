@@ -39,6 +39,10 @@ public:
     bool listen(const QHostAddress &address, quint16 port, QString *error);
     quint16 port() const { return server_.serverPort(); }
 
+    // Takes in what has already arrived, then stops listening and receiving, so that the
+    // report and the files agree.
+    void stop();
+
     // Video streams so far (one per TCP connection), audio, and every violation.
     QJsonObject report() const;
     // Writes report.json into the output folder; returns its path (empty when none).

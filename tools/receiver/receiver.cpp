@@ -165,6 +165,7 @@ void Receiver::execute(const Command &c)
     case CommandKind::Quit:
         if (quitting_) break; // closing the window on the way out asks again
         quitting_ = true;
+        media_->stop();
         report();
         log_->log(QStringLiteral("quit"));
         queue_.clear();
