@@ -13,6 +13,8 @@
 namespace velocast {
 
 namespace {
+constexpr int kDetailMargin = 20;
+
 QWidget *divider(QWidget *parent, bool vertical)
 {
     auto *line = new QWidget(parent);
@@ -85,7 +87,7 @@ CAlertView::CAlertView(QWidget *parent)
     box->addWidget(titleLabel_);
     box->addSpacing(10);
     auto *detailRow = new QHBoxLayout;
-    detailRow->setContentsMargins(20, 0, 20, 0);
+    detailRow->setContentsMargins(kDetailMargin, 0, kDetailMargin, 0);
     detailRow->addWidget(detailLabel_);
     box->addLayout(detailRow);
     box->addSpacing(20);
@@ -98,17 +100,30 @@ CAlertView::CAlertView(QWidget *parent)
     outer->addStretch();
 
     setTabOrder(cancelBtn_, confirmBtn_);
+    fitBox();
 }
 
 void CAlertView::setTitle(const QString &title)
 {
     titleLabel_->setText(title);
     titleLabel_->setVisible(!title.isEmpty());
+    fitBox();
 }
 
 void CAlertView::setDetail(const QString &detail)
 {
     detailLabel_->setText(detail);
+    fitBox();
+}
+
+void CAlertView::fitBox()
+{
+    // The detail wraps inside the box's fixed width; the box then takes the height its
+    // contents need.
+    alertBg_->ensurePolished(); // style sheet fonts count
+    const int detailWidth = alertBg_->width() - 2 * kDetailMargin;
+    detailLabel_->setFixedSize(detailWidth, qMax(0, detailLabel_->heightForWidth(detailWidth)));
+    alertBg_->setFixedHeight(alertBg_->layout()->totalSizeHint().height());
 }
 
 void CAlertView::setButtonTitles(const QString &cancel, const QString &confirm)
@@ -136,6 +151,7 @@ void CAlertView::finish(bool cancelled)
 void CAlertView::showEvent(QShowEvent *event)
 {
     OverlayWidget::showEvent(event);
+    fitBox();
     confirmBtn_->setFocus(Qt::OtherFocusReason);
 }
 

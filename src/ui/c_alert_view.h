@@ -47,6 +47,7 @@ protected:
 
 private:
     void finish(bool cancelled);
+    void fitBox();
 
     RootView *alertBg_ = nullptr;
     QLabel *titleLabel_ = nullptr;

@@ -3,8 +3,6 @@
 #include <QMouseEvent>
 #include <QPainter>
 #include <QPainterPath>
-#include <QStyle>
-#include <QStyleOptionFocusRect>
 
 namespace velocast {
 
@@ -175,10 +173,13 @@ void CButton::paintEvent(QPaintEvent *)
     p.setPen(titleColor_);
     p.drawText(rect(), Qt::AlignCenter, text());
     if (hasFocus()) {
-        QPen focusPen(palette().color(QPalette::Highlight), 2);
-        p.setPen(focusPen);
+        // Keyboard focus: a thin ring inside the edge, in the title's colour.
+        QColor ring = titleColor_;
+        ring.setAlphaF(0.6);
+        p.setPen(QPen(ring, 1.5));
         p.setBrush(Qt::NoBrush);
-        p.drawRoundedRect(QRectF(rect()).adjusted(1, 1, -1, -1), cornerRadius_, cornerRadius_);
+        const qreal r = qMax<qreal>(0, cornerRadius_ - 2);
+        p.drawRoundedRect(QRectF(rect()).adjusted(3.5, 3.5, -3.5, -3.5), r, r);
     }
 }
 

@@ -55,11 +55,12 @@ protected:
 QPushButton *entryButton(QWidget *parent)
 {
     auto *b = new QPushButton(parent);
+    b->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
     b->setFlat(true);
     b->setAutoDefault(false);
     b->setCursor(Qt::PointingHandCursor);
     b->setStyleSheet(QStringLiteral("QPushButton { background: transparent; border: none; }"
-                                    "QPushButton:focus { border: 1px dotted rgb(128,130,255); border-radius: 3px; }"));
+                                    "QPushButton:focus { background: rgb(236,238,255); border-radius: 2px; }"));
     return b;
 }
 
@@ -150,7 +151,10 @@ void MiracastController::initViews()
     miracastMenuBtnBg_->setFixedSize(220, 40);
     miracastMenuBtn_ = entryButton(miracastMenuBtnBg_);
     miracastMenuBtn_->setCheckable(true);
-    miracastMenuBtn_->setAccessibleName(text::kChooseCastingRoad);
+    miracastMenuBtn_->setAccessibleName(text::kMirrorScreen);
+    miracastMenuBtn_->setAccessibleDescription(text::kChooseCastingRoad);
+    miracastMenuBtn_->installEventFilter(this); // focus shows on the frame
+    miracastMenuBtn_->setStyleSheet(QStringLiteral("QPushButton { background: transparent; border: none; }"));
     mircastMenuLabel_ = entryLabel(text::kMirrorScreen, miracastMenuBtn_);
     miracastMenuImageView_ = new QLabel(miracastMenuBtn_);
     miracastMenuImageView_->setAttribute(Qt::WA_TransparentForMouseEvents);
@@ -364,7 +368,7 @@ void MiracastController::menuBtnWithNormal()
         drawnImage(QStringLiteral("miracast_arrow_down"), kArrowSize, devicePixelRatioF()));
     miracastMenuBtnBg_->setBackgroundColor(Qt::white);
     miracastMenuBtnBg_->setBorderWidth(2);
-    miracastMenuBtnBg_->setBorderColor(kFrameBorder);
+    miracastMenuBtnBg_->setBorderColor(miracastMenuBtn_->hasFocus() ? kFrameBorderOpen : kFrameBorder);
 }
 
 void MiracastController::fingerTapped()
@@ -386,6 +390,7 @@ void MiracastController::menuBtnWithChange()
     const QString previous = mircastMenuLabel_->text();
     mircastMenuLabel_->setText(chosen);
     mircastMenuLabel2_->setText(previous);
+    miracastMenuBtn_->setAccessibleName(chosen);
     miracastMenuBtn2_->setAccessibleName(previous);
     useAirplay(previous == text::kMirrorScreen);
     miracastMenuBtn_->setFocus(Qt::OtherFocusReason);
@@ -399,10 +404,26 @@ void MiracastController::placeDropDown()
     miracastMenuBtnTouchView2_->setGeometry(rect());
 }
 
+void MiracastController::showEvent(QShowEvent *event)
+{
+    QWidget::showEvent(event);
+    // The main action takes the keyboard, unless the name prompt is up.
+    if (!event->spontaneous() && !nameAlertView_) miracastStateBtn_->setFocus(Qt::OtherFocusReason);
+}
+
 void MiracastController::resizeEvent(QResizeEvent *event)
 {
     QWidget::resizeEvent(event);
     if (miracastMenuBtnBg2_->isVisible()) placeDropDown();
+}
+
+bool MiracastController::eventFilter(QObject *watched, QEvent *event)
+{
+    // Keyboard focus on the closed drop-down shows as the open frame's colour.
+    if (watched == miracastMenuBtn_ && (event->type() == QEvent::FocusIn || event->type() == QEvent::FocusOut)
+        && !miracastMenuBtnBg2_->isVisible())
+        miracastMenuBtnBg_->setBorderColor(event->type() == QEvent::FocusIn ? kFrameBorderOpen : kFrameBorder);
+    return QWidget::eventFilter(watched, event);
 }
 
 void MiracastController::keyPressEvent(QKeyEvent *event)

@@ -27,6 +27,7 @@ RequestLoadingView::RequestLoadingView(QWidget *parent)
     textLabel_ = new QLabel(text::kWaitingForReceiver, loadingView_);
     textLabel_->setAlignment(Qt::AlignCenter);
     textLabel_->setWordWrap(true);
+    textLabel_->setContentsMargins(16, 0, 16, 0);
     textLabel_->setStyleSheet(QStringLiteral("color: rgb(51,51,51); font-size: 14px;"));
 
     splitLine_ = new QWidget(loadingView_);
@@ -46,19 +47,29 @@ RequestLoadingView::RequestLoadingView(QWidget *parent)
     connect(cancelBtn_, &QAbstractButton::clicked, this, &RequestLoadingView::cancelBtnAction);
 
     auto *card = new QVBoxLayout(loadingView_);
-    card->setContentsMargins(0, 24, 0, 0);
-    card->setSpacing(14);
-    card->addWidget(imageView_, 0, Qt::AlignHCenter);
-    card->addWidget(textLabel_);
-    card->addSpacing(4);
-    card->addWidget(splitLine_);
+    card->setContentsMargins(0, 26, 0, 0);
     card->setSpacing(0);
+    card->addWidget(imageView_, 0, Qt::AlignHCenter);
+    card->addSpacing(16);
+    card->addWidget(textLabel_);
+    card->addSpacing(22);
+    card->addWidget(splitLine_);
     card->addWidget(cancelBtn_);
+
+    fitCard();
 
     auto *outer = new QVBoxLayout(this);
     outer->addStretch();
     outer->addWidget(loadingView_, 0, Qt::AlignHCenter);
     outer->addStretch();
+}
+
+void RequestLoadingView::fitCard()
+{
+    // The text wraps inside the card's fixed width; the card takes the height it needs.
+    loadingView_->ensurePolished(); // style sheet fonts count
+    textLabel_->setFixedHeight(textLabel_->heightForWidth(loadingView_->width()));
+    loadingView_->setFixedHeight(loadingView_->layout()->totalSizeHint().height());
 }
 
 RequestLoadingView::~RequestLoadingView()
@@ -75,6 +86,7 @@ void RequestLoadingView::cancelBtnAction()
 void RequestLoadingView::showEvent(QShowEvent *event)
 {
     OverlayWidget::showEvent(event);
+    fitCard();
     cancelBtn_->setFocus(Qt::OtherFocusReason);
 }
 

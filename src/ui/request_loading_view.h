@@ -33,6 +33,8 @@ protected:
     void showEvent(QShowEvent *event) override;
 
 private:
+    void fitCard();
+
     RootView *loadingView_ = nullptr; // the card
     LoadingAnimation *imageView_ = nullptr;
     QLabel *textLabel_ = nullptr;

@@ -1,8 +1,11 @@
 // Renders the casting panel, the settings window and the help wizard to PNG files:
-//   ui_screenshots <folder>   → panel.png, panel-roads.png, settings.png, help-wizard.png,
+//   ui_screenshots <folder>   → panel.png, panel-roads.png, panel-waiting.png,
+//                               panel-name-prompt.png, settings.png, help-wizard.png,
 //                               help-wizard-3.png
 // Runs on any Qt platform (offscreen by default). Preferences and autostart live in a
 // temporary folder for the run, so the user's own are never read or changed.
+#include "common/notification_center.h"
+#include "common/notification_names.h"
 #include "common/preferences.h"
 #include "ui/connect_help_controller.h"
 #include "ui/miracast_controller.h"
@@ -21,6 +24,9 @@ namespace {
 bool save(QWidget *w, const QString &folder, const QString &name)
 {
     const QString path = QDir(folder).filePath(name);
+    // Let pending layouts settle before painting.
+    for (int i = 0; i < 3; ++i)
+        QApplication::processEvents();
     if (!w->grab().save(path)) {
         QTextStream(stderr) << "cannot write " << path << '\n';
         return false;
@@ -62,6 +68,22 @@ int main(int argc, char **argv)
     QApplication::processEvents();
     ok &= save(&window, folder, QStringLiteral("panel-roads.png"));
     panel->miracastMenuBtn()->click();
+    NotificationCenter::defaultCenter().post(QString::fromLatin1(notice::NOTICE_SHOWREQUESTVIEW));
+    QApplication::processEvents();
+    ok &= save(&window, folder, QStringLiteral("panel-waiting.png"));
+    NotificationCenter::defaultCenter().post(
+        QString::fromLatin1(notice::NOTICE_SCREENCAPTURESTATE), QVariantList { false });
+
+    // The first showing ever asks for a display name.
+    Preferences::remove(QString::fromLatin1(prefkey::InitPCName));
+    QWidget firstWindow;
+    firstWindow.resize(480, 560);
+    auto *firstPanel = new MiracastController(&firstWindow);
+    firstPanel->setPcName(QStringLiteral("会议室大屏"));
+    firstPanel->setGeometry(firstWindow.rect());
+    firstWindow.show();
+    QApplication::processEvents();
+    ok &= save(&firstWindow, folder, QStringLiteral("panel-name-prompt.png"));
 
     SettingController settings;
     settings.show();
