@@ -13,6 +13,7 @@
 
 #include <array>
 #include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <string>
 
@@ -25,6 +26,7 @@ using test::makeFrame;
 
 struct Recorded {
     std::mutex mutex;
+    std::condition_variable changed;
     std::vector<std::array<intptr_t, 4>> calls; // userValue, event, zero, userData
     std::vector<std::string> lines;
 };
@@ -36,9 +38,21 @@ Recorded &recorded()
 
 int32_t recordEvent(int32_t userValue, int32_t event, int32_t zero, void *userData)
 {
-    std::lock_guard lock(recorded().mutex);
-    recorded().calls.push_back({userValue, event, zero, reinterpret_cast<intptr_t>(userData)});
+    {
+        std::lock_guard lock(recorded().mutex);
+        recorded().calls.push_back({userValue, event, zero, reinterpret_cast<intptr_t>(userData)});
+    }
+    recorded().changed.notify_all();
     return 0;
+}
+
+bool waitForEvent(int32_t event, int timeoutMs)
+{
+    std::unique_lock lock(recorded().mutex);
+    return recorded().changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
+        return std::any_of(recorded().calls.begin(), recorded().calls.end(),
+                           [&](const auto &call) { return call[1] == event; });
+    });
 }
 
 void recordLine(int, const char *text)
@@ -211,6 +225,55 @@ TEST_F(PushApiTest, ConnectWaitRunningOutFailsInitWithoutUdp)
     const auto frame = makeFrame(7, 100);
     PushFrame video {kFrameTypeVideo, 100, kFrameFlagKey, frame.data(), 0, 0};
     EXPECT_EQ(PushSendFrame(handle, &video), kPushNotReady);
+}
+
+// "127.1" is a valid address for the TCP connect but not dotted IPv4 text for the UDP
+// sender, so the video connection is made and then given up again.
+TEST_F(PushApiTest, UdpFailureClosesTheContextAgain)
+{
+    MediaReceiver receiver;
+    ASSERT_TRUE(receiver.udp);
+    PushHandle handle = PushCreate();
+    EXPECT_EQ(PushInit(handle, "127.1", receiver.tcp->port()), kPushUdpFailed);
+    Socket peer = receiver.tcp->accept();
+    ASSERT_TRUE(peer.isValid());
+    uint8_t byte;
+    EXPECT_FALSE(test::readExact(peer.fd(), &byte, 1)) << "the video connection was closed";
+    const auto frame = makeFrame(7, 100);
+    PushFrame video {kFrameTypeVideo, 100, kFrameFlagKey, frame.data(), 0, 0};
+    EXPECT_EQ(PushSendFrame(handle, &video), kPushNotReady);
+    ASSERT_EQ(PushInit(handle, "127.0.0.1", receiver.tcp->port()), kPushOk) << "nothing was left open";
+}
+
+// A broken video connection is not reported through the send results: video frames keep
+// returning 0 and audio goes on over UDP.
+TEST_F(PushApiTest, BrokenVideoConnectionStaysSilent)
+{
+    MediaReceiver receiver;
+    ASSERT_TRUE(receiver.udp);
+    PushHandle handle = PushCreate();
+    PushSetCallback(handle, recordEvent, 1, nullptr);
+    ASSERT_EQ(PushInit(handle, "127.0.0.1", receiver.tcp->port()), kPushOk);
+    Socket peer = receiver.tcp->accept();
+    const linger abort {1, 0}; // close with RST
+    setsockopt(peer.fd(), SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+    peer.close();
+
+    const auto key = makeFrame(7, 1'000);
+    PushFrame video {kFrameTypeVideo, 1'000, kFrameFlagKey, key.data(), 0, 0};
+    bool closed = false;
+    for (int i = 0; i < 1'000 && !closed; ++i) {
+        EXPECT_EQ(PushSendFrame(handle, &video), kPushOk);
+        closed = waitForEvent(kEventClosed, 20);
+    }
+    ASSERT_TRUE(closed);
+    EXPECT_EQ(PushSendFrame(handle, &video), kPushOk);
+    std::vector<uint8_t> aac(50, 0x22);
+    PushFrame audio {kFrameTypeAudio, 50, kFrameFlagAac, aac.data(), 0, 0};
+    EXPECT_EQ(PushSendFrame(handle, &audio), kPushOk);
+    auto datagram = receiver.udp->receive();
+    ASSERT_TRUE(datagram);
+    EXPECT_EQ(datagram->size(), 54u);
 }
 
 TEST_F(PushApiTest, FrameLogIsRateLimited)
