@@ -32,8 +32,7 @@ struct MediaTime {
     friend bool operator==(const MediaTime &, const MediaTime &) = default;
 };
 
-// An error handed to a delegate: a domain and a code, like the platform status errors the
-// delegate protocols were designed around.
+// An error handed to a delegate: where it came from and a code.
 struct MediaError {
     std::string domain;
     int64_t code = 0;

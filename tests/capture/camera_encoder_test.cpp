@@ -12,7 +12,6 @@
 
 #include <gtest/gtest.h>
 
-#include <mutex>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -25,25 +24,7 @@ using velocast::push::CameraEncoder;
 
 namespace {
 
-class StateRecorder {
-public:
-    CameraEncoder::StateBlock block()
-    {
-        return [this](int32_t state) {
-            std::lock_guard lock(mutex_);
-            states_.push_back(state);
-        };
-    }
-    std::vector<int32_t> states()
-    {
-        std::lock_guard lock(mutex_);
-        return states_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::vector<int32_t> states_;
-};
+using StateRecorder = Collector<int32_t>;
 
 // A loopback port with nothing listening on it.
 uint16_t closedPort()
@@ -62,41 +43,26 @@ uint16_t closedPort()
     return port;
 }
 
-// Follows the receiver's JSON-lines event log.
-class EventFollower {
-public:
-    explicit EventFollower(QString path) : path_(std::move(path)) { }
-    int count(const QString &event)
+// The receiver's JSON-lines event log, read again on every question.
+struct EventLog {
+    QString path;
+    QList<QJsonObject> all(const QString &event) const
     {
-        poll();
-        int n = 0;
-        for (const QJsonObject &e : events_)
-            if (e.value("event").toString() == event) ++n;
-        return n;
+        QFile f(path);
+        QList<QJsonObject> found;
+        if (!f.open(QIODevice::ReadOnly)) return found;
+        for (const QByteArray &line : f.readAll().split('\n')) {
+            const QJsonObject o = QJsonDocument::fromJson(line).object(); // a partial last line parses as empty
+            if (o.value("event").toString() == event) found << o;
+        }
+        return found;
     }
-    QJsonObject last(const QString &event)
+    int count(const QString &event) const { return int(all(event).size()); }
+    QJsonObject last(const QString &event) const
     {
-        poll();
-        for (auto it = events_.crbegin(); it != events_.crend(); ++it)
-            if (it->value("event").toString() == event) return *it;
-        return {};
+        const auto found = all(event);
+        return found.isEmpty() ? QJsonObject() : found.last();
     }
-
-private:
-    void poll()
-    {
-        QFile f(path_);
-        if (!f.open(QIODevice::ReadOnly)) return;
-        f.seek(offset_);
-        const QByteArray data = f.readAll();
-        const qsizetype end = data.lastIndexOf('\n') + 1; // whole lines only
-        offset_ += end;
-        for (const QByteArray &line : data.left(end).split('\n'))
-            if (!line.isEmpty()) events_.append(QJsonDocument::fromJson(line).object());
-    }
-    QString path_;
-    qint64 offset_ = 0;
-    QList<QJsonObject> events_;
 };
 
 } // namespace
@@ -123,14 +89,14 @@ TEST(CameraEncoder, StatesAndFlagsFollowStartStopAndBackground)
     LogRecorder log;
     StateRecorder states;
     auto camera = std::make_unique<CameraEncoder>();
-    camera->setStateBlock(states.block());
+    camera->setStateBlock([&](int32_t s) { states.add(s); });
     EXPECT_TRUE(camera->foreEnable());
     EXPECT_FALSE(camera->isRunning());
     EXPECT_FALSE(camera->pushBuffer(makeNv12(64, 48, 0))) << "not running";
 
     // Stop without a start: closes nothing (null handle) and still reports "stopped".
     camera->stopCamera();
-    EXPECT_EQ(states.states(), std::vector<int32_t>{CameraEncoder::kStateStopped});
+    EXPECT_EQ(states.items(), std::vector<int32_t>{CameraEncoder::kStateStopped});
 
     // A frame with no push handle is dropped with a log line.
     camera->gotH264EncodedData({0, 0, 0, 1, 0x65}, true, MediaTime(), nullptr);
@@ -142,13 +108,13 @@ TEST(CameraEncoder, StatesAndFlagsFollowStartStopAndBackground)
     camera->startLiving("127.0.0.1", port, port + 1);
     EXPECT_TRUE(camera->isRunning());
     EXPECT_NE(camera->handle(), nullptr);
-    EXPECT_EQ(states.states(), (std::vector<int32_t>{CameraEncoder::kStateStopped, CameraEncoder::kStateLiving}));
+    EXPECT_EQ(states.items(), (std::vector<int32_t>{CameraEncoder::kStateStopped, CameraEncoder::kStateLiving}));
     const QString started = QString("start Living : 127.0.0.1 %1 %2 ").arg(port).arg(port + 1);
     EXPECT_EQ(log.lines().count(started), 1) << log.lines().join('\n').toStdString();
     // A second start while living changes nothing and logs nothing.
     camera->startLiving("127.0.0.1", port, port + 1);
     EXPECT_EQ(log.lines().count(started), 1);
-    EXPECT_EQ(states.states().size(), 2u);
+    EXPECT_EQ(states.items().size(), 2u);
 
     // Background: not running, frames refused, handle cleared.
     camera->backgroundHandle();
@@ -163,7 +129,7 @@ TEST(CameraEncoder, StatesAndFlagsFollowStartStopAndBackground)
     camera->foregroundHandle();
     EXPECT_TRUE(camera->foreEnable());
     camera->stopCamera();
-    EXPECT_EQ(states.states().back(), CameraEncoder::kStateStopped);
+    EXPECT_EQ(states.items().back(), CameraEncoder::kStateStopped);
 
     camera->destroyEv();
     EXPECT_EQ(camera->h264Encoder(), nullptr);
@@ -185,14 +151,14 @@ TEST(CameraEncoder, CastReachesTheReferenceReceiverAndDecodes)
     receiver.start(VELOCAST_RECEIVER_BINARY, {"--bind", "127.0.0.1", "--control-port", "0", "--media-port", "0", "--address", "127.0.0.1",
                                               "--event-log", logPath, "--output-dir", outDir, "--log-frames", "--quiet", "--headless"});
     ASSERT_TRUE(receiver.waitForStarted());
-    EventFollower events(logPath);
+    const EventLog events{logPath};
     ASSERT_TRUE(waitUntil([&] { return events.count("listening") == 1; }, std::chrono::seconds(10)));
     const int mediaPort = events.last("listening").value("media_port").toInt();
     ASSERT_GT(mediaPort, 0);
 
     StateRecorder states;
     CameraEncoder camera;
-    camera.setStateBlock(states.block());
+    camera.setStateBlock([&](int32_t s) { states.add(s); });
     camera.changeOutputSize({320, 240});
     camera.changeBitrate(1000000);
     camera.startLiving("127.0.0.1", mediaPort, mediaPort);
@@ -211,7 +177,7 @@ TEST(CameraEncoder, CastReachesTheReferenceReceiverAndDecodes)
     ASSERT_TRUE(waitUntil([&] { return events.count("audio_frame") >= 84; })) << events.count("audio_frame") << " audio frames";
     const int audioFrames = events.count("audio_frame");
     camera.stopCamera();
-    EXPECT_EQ(states.states(), (std::vector<int32_t>{CameraEncoder::kStateLiving, CameraEncoder::kStateStopped}));
+    EXPECT_EQ(states.items(), (std::vector<int32_t>{CameraEncoder::kStateLiving, CameraEncoder::kStateStopped}));
     ASSERT_TRUE(waitUntil([&] { return events.count("media_closed") >= 1; }));
 
     receiver.write("quit\n");

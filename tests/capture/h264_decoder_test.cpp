@@ -5,8 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <mutex>
 #include <random>
 
 using namespace velocast::capture;
@@ -18,31 +16,8 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-class PictureCollector final : public H264HWDecoderDelegate {
-public:
-    void displayDecodedFrame(const MediaSample &image) override
-    {
-        {
-            std::lock_guard lock(mutex_);
-            pictures_.push_back(image);
-        }
-        arrived_.notify_all();
-    }
-    bool waitFor(size_t n)
-    {
-        std::unique_lock lock(mutex_);
-        return arrived_.wait_for(lock, std::chrono::seconds(20), [&] { return pictures_.size() >= n; });
-    }
-    std::vector<MediaSample> pictures()
-    {
-        std::lock_guard lock(mutex_);
-        return pictures_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable arrived_;
-    std::vector<MediaSample> pictures_;
+struct PictureCollector final : H264HWDecoderDelegate, Collector<MediaSample> {
+    void displayDecodedFrame(const MediaSample &image) override { add(image); }
 };
 
 std::vector<EncodedPacket> encodeClip(int frames, int width, int height)
@@ -53,7 +28,7 @@ std::vector<EncodedPacket> encodeClip(int frames, int width, int height)
     encoder.setOutputSize({double(width), double(height)});
     EXPECT_TRUE(encodePaced(encoder, out, width, height, frames));
     encoder.invalidate();
-    return out.packets();
+    return out.items();
 }
 
 const Bytes kStartCode{0x00, 0x00, 0x00, 0x01};
@@ -87,9 +62,9 @@ TEST(H264HWDecoder, DecodesTheEncodersOwnOutput)
         decoder.setDelegate(&out);
         if (!chain.empty()) decoder.setDecoderChain(chain);
         for (const auto &p : packets) decoder.receivedRawVideoFrame(p.bytes.data(), uint32_t(p.bytes.size()), p.key);
-        ASSERT_TRUE(out.waitFor(40)) << decoder.decoderName() << ": " << out.pictures().size() << " pictures";
+        ASSERT_TRUE(out.waitFor(40)) << decoder.decoderName() << ": " << out.items().size() << " pictures";
         EXPECT_EQ(decoder.decoderName(), chain.empty() ? "avdec_h264" : chain[0]) << "no hardware decoder here";
-        const auto pictures = out.pictures();
+        const auto pictures = out.items();
         for (size_t i = 0; i < pictures.size(); ++i) {
             const MediaSample &picture = pictures[i];
             EXPECT_EQ(picture.kind(), MediaSample::Kind::RawVideo);

@@ -71,7 +71,7 @@ TEST(H264HWEncoder, SoftwareFallbackMakesConstrainedBaselineWithShortGops)
     EXPECT_TRUE(lines.contains("start encode  return: 0"));
     EXPECT_TRUE(lines.contains("H.264 encoder: x264enc (software), 320x240")) << lines.join('\n').toStdString();
 
-    const auto packets = out.packets();
+    const auto packets = out.items();
     ASSERT_EQ(packets.size(), size_t(kFrames));
     for (size_t i = 0; i < packets.size(); ++i)
         EXPECT_EQ(packets[i].timestamp.toNanoseconds(), makeNv12(2, 2, int(i)).presentationTime().toNanoseconds()) << i;
@@ -111,7 +111,7 @@ TEST(H264HWEncoder, DefaultSizeIsPortraitAndASizeChangeStartsANewStreamWithAKeyF
     ASSERT_TRUE(encodePaced(encoder, out, 640, 480, 3, 7));
     encoder.invalidate();
 
-    const auto packets = out.packets();
+    const auto packets = out.items();
     ASSERT_EQ(packets.size(), 10u);
     EXPECT_TRUE(packets[0].key);
     EXPECT_TRUE(packets[2].key) << "the resized stream starts with a key frame";
@@ -145,7 +145,7 @@ TEST(H264HWEncoder, LiveRateChangeTakesEffectAndEveryOneSecondWindowStaysUnderTh
     ASSERT_TRUE(encodePaced(encoder, out, 320, 240, kPhase, kPhase, true));
     encoder.invalidate();
 
-    const auto packets = out.packets();
+    const auto packets = out.items();
     ASSERT_EQ(packets.size(), size_t(2 * kPhase));
     for (size_t i = 0; i < packets.size(); ++i)
         if (packets[i].key) {
@@ -190,7 +190,7 @@ TEST(H264HWEncoder, LastFallbackRebuildsItsSessionForARateChange)
     ASSERT_TRUE(encodePaced(encoder, out, 320, 240, 10, 10));
     encoder.invalidate();
 
-    const auto packets = out.packets();
+    const auto packets = out.items();
     ASSERT_EQ(packets.size(), 20u);
     EXPECT_TRUE(packets[10].key) << "the rebuilt session starts with a key frame";
     checkAnnexBStructure(packets);
@@ -236,7 +236,7 @@ TEST(H264HWEncoder, HardwareEncoderWhereADeviceExists)
     ASSERT_TRUE(encodePaced(encoder, out, 320, 240, 31));
     encoder.invalidate();
     EXPECT_TRUE(encoder.chosenEncoderIsHardware());
-    const auto keys = checkAnnexBStructure(out.packets());
+    const auto keys = checkAnnexBStructure(out.items());
     ASSERT_GE(keys.size(), 2u);
     EXPECT_LE(keys[1] - keys[0], 30u);
 }

@@ -58,33 +58,6 @@ std::vector<NalUnit> splitAnnexB(std::span<const uint8_t> b)
     return units;
 }
 
-void PacketCollector::gotH264EncodedData(const std::vector<uint8_t> &data, bool keyFrame, MediaTime timestamp, const capture::MediaError *)
-{
-    {
-        std::lock_guard lock(mutex_);
-        packets_.push_back({data, keyFrame, timestamp});
-    }
-    arrived_.notify_all();
-}
-
-size_t PacketCollector::count() const
-{
-    std::lock_guard lock(mutex_);
-    return packets_.size();
-}
-
-std::vector<EncodedPacket> PacketCollector::packets() const
-{
-    std::lock_guard lock(mutex_);
-    return packets_;
-}
-
-bool PacketCollector::waitFor(size_t n, std::chrono::milliseconds timeout) const
-{
-    std::unique_lock lock(mutex_);
-    return arrived_.wait_for(lock, timeout, [&] { return packets_.size() >= n; });
-}
-
 bool encodePaced(capture::H264HWEncoder &encoder, PacketCollector &out, int width, int height, int count, int firstIndex, bool noisy)
 {
     const size_t base = out.count();

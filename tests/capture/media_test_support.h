@@ -10,6 +10,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <chrono>
+
 #include "common/log.h"
 
 #include <condition_variable>
@@ -35,6 +37,40 @@ struct NalUnit {
 // Splits at four-byte start codes; the bytes before the first one, if any, are ignored.
 std::vector<NalUnit> splitAnnexB(std::span<const uint8_t> bytes);
 
+// Items handed over by another thread, waited for with a time-out.
+template <typename T>
+class Collector {
+public:
+    void add(T item)
+    {
+        {
+            std::lock_guard lock(mutex_);
+            items_.push_back(std::move(item));
+        }
+        arrived_.notify_all();
+    }
+    size_t count() const
+    {
+        std::lock_guard lock(mutex_);
+        return items_.size();
+    }
+    std::vector<T> items() const
+    {
+        std::lock_guard lock(mutex_);
+        return items_;
+    }
+    bool waitFor(size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(20)) const
+    {
+        std::unique_lock lock(mutex_);
+        return arrived_.wait_for(lock, timeout, [&] { return items_.size() >= n; });
+    }
+
+private:
+    mutable std::mutex mutex_;
+    mutable std::condition_variable arrived_;
+    std::vector<T> items_;
+};
+
 struct EncodedPacket {
     std::vector<uint8_t> bytes;
     bool key = false;
@@ -42,19 +78,12 @@ struct EncodedPacket {
 };
 
 // Collects what an H264HWEncoder delivers (on its streaming thread).
-class PacketCollector final : public capture::H264HWEncoderDelegate {
+class PacketCollector final : public capture::H264HWEncoderDelegate, public Collector<EncodedPacket> {
 public:
-    void gotH264EncodedData(const std::vector<uint8_t> &data, bool keyFrame, capture::MediaTime timestamp,
-                            const capture::MediaError *error) override;
-    size_t count() const;
-    std::vector<EncodedPacket> packets() const;
-    // Blocks until at least n packets arrived or the time is up.
-    bool waitFor(size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
-
-private:
-    mutable std::mutex mutex_;
-    mutable std::condition_variable arrived_;
-    std::vector<EncodedPacket> packets_;
+    void gotH264EncodedData(const std::vector<uint8_t> &data, bool keyFrame, capture::MediaTime timestamp, const capture::MediaError *) override
+    {
+        add({data, keyFrame, timestamp});
+    }
 };
 
 // Feeds count pictures one at a time, each after the previous one came out, so that the
