@@ -1,16 +1,27 @@
-// Velocast entry point. The windows are not built yet: for now the program says so
-// plainly and shows the identity it would present to a receiver.
-#include "common/preferences.h"
+// Velocast: a desktop sender for wireless screen casting.
+#include "app/app_delegate.h"
+#include "control/net_control.h"
+#include "ui/main_window_icons.h"
 
-#include <QCoreApplication>
-#include <QTextStream>
+#include <QApplication>
 
 int main(int argc, char **argv)
 {
-    QCoreApplication app(argc, argv);
-    QTextStream out(stdout);
-    out << "Velocast (early build): the control channel, connect code and push engine are in place;\n"
-           "the casting windows are not built yet, so there is nothing to show on screen.\n"
-        << "This computer would present itself to receivers as: " << velocast::CurrentDisplayName() << "\n";
-    return 0;
+    QApplication app(argc, argv);
+    QApplication::setApplicationName(QStringLiteral("Velocast"));
+    QApplication::setOrganizationName(QStringLiteral("Velocast"));
+    QApplication::setApplicationVersion(QStringLiteral(VELOCAST_VERSION));
+    QApplication::setDesktopFileName(QStringLiteral("velocast"));
+    QApplication::setWindowIcon(velocast::velocastAppIcon());
+
+    velocast::NetControl &control = velocast::NetControl::shareControl();
+    int rc = 0;
+    {
+        velocast::AppDelegate delegate(control);
+        if (!delegate.launch()) return 0; // the running instance shows its window instead
+        rc = QApplication::exec();
+    }
+    // Close the control connection while the event loop's objects still exist.
+    control.disConnect();
+    return rc;
 }

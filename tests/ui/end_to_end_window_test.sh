@@ -1,0 +1,96 @@
+#!/usr/bin/env bash
+# The real program under Xvfb, in a network namespace of its own, against the reference
+# receiver: the code is typed into the real window with xdotool; the receiver must see the
+# admission request and heartbeats, and closing the receiver's end must bring the window
+# back to code entry.
+#
+# usage: end_to_end_window_test.sh VELOCAST_BIN RECEIVER_BIN
+# Exit 77 (skipped) when namespaces or Xvfb are not available here.
+set -euo pipefail
+app=$1 receiver=$2
+for tool in ip Xvfb xdotool; do
+    command -v "$tool" >/dev/null || { echo "skip: $tool is not installed"; exit 77; }
+done
+ns="vc-e2e-$$"
+tmp=$(mktemp -d /tmp/velocast-e2e.XXXXXX)
+pids=()
+cleanup() {
+    for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done
+    wait 2>/dev/null || true
+    ip netns del "$ns" 2>/dev/null || true
+    rm -rf "$tmp"
+}
+trap cleanup EXIT
+ip netns add "$ns" 2>/dev/null || { echo "skip: cannot create a network namespace (needs root)"; exit 77; }
+
+# Two ends of a veth pair inside the namespace: 10.77.1.1 for the receiver, 10.77.1.2 for
+# us, and a default route so that the program sees a network. Nothing leaves the namespace.
+in_ns() { ip netns exec "$ns" "$@"; }
+in_ns ip link set lo up
+in_ns ip link add vc-rx type veth peer name vc-tx
+in_ns ip addr add 10.77.1.1/24 dev vc-rx
+in_ns ip addr add 10.77.1.2/24 dev vc-tx
+in_ns ip link set vc-rx up
+in_ns ip link set vc-tx up
+in_ns ip route add default via 10.77.1.254 dev vc-tx src 10.77.1.2
+
+wait_for() { # wait_for SECONDS COMMAND...
+    local limit=$(( $1 * 10 )); shift
+    for _ in $(seq 1 "$limit"); do "$@" >/dev/null 2>&1 && return 0; sleep 0.1; done
+    return 1
+}
+events="$tmp/events.jsonl"
+has_event() { grep -q "$1" "$events"; }
+
+# Xvfb inside the namespace.
+exec 9<> <(:)
+in_ns Xvfb -displayfd 9 -screen 0 1024x768x24 -nolisten tcp >"$tmp/xvfb.log" 2>&1 &
+pids+=($!)
+read -r -t 10 -u 9 display || { echo "FAIL: Xvfb did not start"; cat "$tmp/xvfb.log"; exit 1; }
+exec 9<&-
+export DISPLAY=":$display"
+
+mkfifo "$tmp/commands"
+in_ns "$receiver" --bind 10.77.1.1 --headless --quiet --event-log "$events" --safe-code 3 <"$tmp/commands" &
+pids+=($!)
+exec 3>"$tmp/commands"
+wait_for 10 has_event '"listening"' || { echo "FAIL: the receiver did not start"; exit 1; }
+code=$(grep '"listening"' "$events" | sed -E 's/.*"code":"([0-9]{6})".*/\1/')
+echo "receiver shows code $code"
+
+mkdir -p "$tmp/config" "$tmp/home" "$tmp/run"
+chmod 700 "$tmp/run"
+in_ns env HOME="$tmp/home" XDG_CONFIG_HOME="$tmp/config" XDG_RUNTIME_DIR="$tmp/run" QT_QPA_PLATFORM=xcb \
+    "$app" >"$tmp/app.log" 2>&1 &
+pids+=($!)
+
+window=""
+for _ in $(seq 1 100); do
+    window=$(xdotool search --name '^Velocast$' 2>/dev/null | head -n1 || true)
+    [ -n "$window" ] && break
+    sleep 0.1
+done
+[ -n "$window" ] || { echo "FAIL: no window"; cat "$tmp/app.log"; exit 1; }
+# Wait until the program has seen the namespace's network (the code boxes need it).
+wait_for 10 grep -q 'net : .* 10.77.1.2' "$tmp/app.log" || { echo "FAIL: no network report"; cat "$tmp/app.log"; exit 1; }
+timeout 5 xdotool windowfocus "$window" || true
+xdotool type --delay 80 "$code"
+
+wait_for 10 has_event '"id":"id_connect_request"' || { echo "FAIL: no admission request"; cat "$tmp/app.log"; exit 1; }
+grep '"id":"id_connect_request"' "$events" | grep -q '"ip":"10.77.1.2"' || { echo "FAIL: wrong address in the request"; grep id_connect_request "$events"; exit 1; }
+grep '"id":"id_connect_request"' "$events" | grep -q '"safe_code":"3"' || { echo "FAIL: wrong safe code"; exit 1; }
+wait_for 10 has_event '"event":"heartbeat"' || { echo "FAIL: no heartbeat after admission"; exit 1; }
+echo "admitted, heartbeats flowing"
+
+echo close >&3
+# A close that finds a heartbeat unread reaches us as a reset, which the heartbeat notices
+# (16 s at most); a clean close is seen at once.
+wait_for 25 grep -qE 'disconnectWithNotice|brokenWithNotice' "$tmp/app.log" || { echo "FAIL: the close was not noticed"; cat "$tmp/app.log"; exit 1; }
+# Back at code entry: a new code typed into the boxes connects again.
+sleep 0.5
+timeout 5 xdotool windowfocus "$window" || true
+xdotool type --delay 80 "$code"
+two_requests() { [ "$(grep -c '"id":"id_connect_request"' "$events")" -ge 2 ]; }
+wait_for 10 two_requests || { echo "FAIL: code entry did not come back"; cat "$tmp/app.log"; exit 1; }
+echo "back at code entry after the receiver closed"
+echo "1 passed, 0 failed"
