@@ -20,7 +20,10 @@ QString autostartDir()
     return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) + QStringLiteral("/autostart");
 }
 
-QString programPath() { return QFileInfo(QCoreApplication::applicationFilePath()).absoluteFilePath(); }
+QString programPath()
+{
+    return QFileInfo(QCoreApplication::applicationFilePath()).absoluteFilePath();
+}
 
 // The two escape levels of an Exec value (Desktop Entry Specification, "The Exec key"):
 // inside double quotes ", `, $ and \ take a backslash; then the whole value is a
@@ -48,12 +51,18 @@ QString unescapeString(const QString &value)
             continue;
         }
         const QChar n = value.at(++i);
-        if (n == u's') out += u' ';
-        else if (n == u'n') out += u'\n';
-        else if (n == u't') out += u'\t';
-        else if (n == u'r') out += u'\r';
-        else if (n == u'\\') out += u'\\';
-        else out += QStringView(value).mid(i - 1, 2);
+        if (n == u's')
+            out += u' ';
+        else if (n == u'n')
+            out += u'\n';
+        else if (n == u't')
+            out += u'\t';
+        else if (n == u'r')
+            out += u'\r';
+        else if (n == u'\\')
+            out += u'\\';
+        else
+            out += QStringView(value).mid(i - 1, 2);
     }
     return out;
 }
@@ -67,9 +76,12 @@ QString execProgram(const QString &rawValue)
     for (qsizetype i = 0; i < value.size(); ++i) {
         const QChar c = value.at(i);
         if (inQuotes) {
-            if (c == u'\\' && i + 1 < value.size()) program += value.at(++i);
-            else if (c == u'"') inQuotes = false;
-            else program += c;
+            if (c == u'\\' && i + 1 < value.size())
+                program += value.at(++i);
+            else if (c == u'"')
+                inQuotes = false;
+            else
+                program += c;
         } else if (c == u'"') {
             inQuotes = true;
         } else if (c.isSpace()) {
@@ -104,8 +116,10 @@ bool readEntry(const QString &path, EntryFacts *facts)
         if (eq < 0) continue;
         const QString key = line.left(eq).trimmed();
         const QString value = line.mid(eq + 1).trimmed();
-        if (key == QLatin1String("Exec")) facts->program = execProgram(value);
-        else if (key == QLatin1String("Hidden")) facts->hidden = value == QLatin1String("true");
+        if (key == QLatin1String("Exec"))
+            facts->program = execProgram(value);
+        else if (key == QLatin1String("Hidden"))
+            facts->hidden = value == QLatin1String("true");
     }
     return true;
 }
@@ -122,7 +136,7 @@ QStringList matchingEntries(bool skipHidden)
 {
     QStringList found;
     const QDir dir(autostartDir());
-    for (const QString &name : dir.entryList({QStringLiteral("*.desktop")}, QDir::Files, QDir::Name)) {
+    for (const QString &name : dir.entryList({ QStringLiteral("*.desktop") }, QDir::Files, QDir::Name)) {
         EntryFacts facts;
         const QString path = dir.filePath(name);
         if (!readEntry(path, &facts)) continue; // unreadable entries are skipped
@@ -150,7 +164,10 @@ QByteArray entryContent()
 
 } // namespace
 
-bool AppStartManager::isStartAtLogin() { return !matchingEntries(true).isEmpty(); }
+bool AppStartManager::isStartAtLogin()
+{
+    return !matchingEntries(true).isEmpty();
+}
 
 bool AppStartManager::setStartAtLogin(bool enabled)
 {
@@ -164,7 +181,8 @@ bool AppStartManager::setStartAtLogin(bool enabled)
         return file.commit();
     }
     bool lastRemoved = false;
-    for (const QString &path : matchingEntries(false)) lastRemoved = QFile::remove(path);
+    for (const QString &path : matchingEntries(false))
+        lastRemoved = QFile::remove(path);
     return lastRemoved;
 }
 

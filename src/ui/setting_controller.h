@@ -20,6 +20,7 @@ class SettingController : public QDialog {
     Q_OBJECT
 public:
     explicit SettingController(QWidget *parent = nullptr);
+    ~SettingController() override;
 
     // Opens a fresh settings window, application-modal, and returns when it has closed.
     static void runModal(QWidget *parent);

@@ -20,7 +20,10 @@ QString autostartDir()
     return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) + QStringLiteral("/autostart");
 }
 
-QString entryPath() { return autostartDir() + QStringLiteral("/velocast.desktop"); }
+QString entryPath()
+{
+    return autostartDir() + QStringLiteral("/velocast.desktop");
+}
 
 void writeFile(const QString &path, const QByteArray &content)
 {
@@ -71,13 +74,14 @@ TEST_F(AppStartManagerTest, WrittenEntryIsValidAndRunsThisProgram)
     QFile f(entryPath());
     ASSERT_TRUE(f.open(QIODevice::ReadOnly));
     const QByteArray content = f.readAll();
-    EXPECT_TRUE(content.contains("\nExec=\"" + QCoreApplication::applicationFilePath().toUtf8() + "\"\n")) << content.toStdString();
+    EXPECT_TRUE(content.contains("\nExec=\"" + QCoreApplication::applicationFilePath().toUtf8() + "\"\n"))
+        << content.toStdString();
     EXPECT_TRUE(content.contains("\nX-GNOME-Autostart-enabled=true\n"));
 
     const QString validator = QStandardPaths::findExecutable(QStringLiteral("desktop-file-validate"));
     if (validator.isEmpty()) GTEST_SKIP() << "desktop-file-validate is not installed (desktop-file-utils)";
     QProcess p;
-    p.start(validator, {entryPath()});
+    p.start(validator, { entryPath() });
     ASSERT_TRUE(p.waitForFinished(30000));
     const QByteArray output = p.readAllStandardOutput() + p.readAllStandardError();
     EXPECT_EQ(p.exitCode(), 0) << output.toStdString();
@@ -104,13 +108,14 @@ TEST_F(AppStartManagerTest, RemovesEveryMatchingEntryAndOnlyThose)
     const QString path = QCoreApplication::applicationFilePath();
     // Our program written three ways: quoted, unquoted with arguments, and hidden.
     writeFile(entryPath(), entryFor(u'"' + path + u'"'));
-    writeFile(autostartDir() + QStringLiteral("/velocast-old.desktop"), entryFor(path + QStringLiteral(" --minimized")));
+    writeFile(
+        autostartDir() + QStringLiteral("/velocast-old.desktop"), entryFor(path + QStringLiteral(" --minimized")));
     writeFile(autostartDir() + QStringLiteral("/velocast-hidden.desktop"), entryFor(path, "Hidden=true\n"));
     writeFile(autostartDir() + QStringLiteral("/other.desktop"), entryFor(QStringLiteral("/usr/bin/other")));
 
     EXPECT_TRUE(AppStartManager::isStartAtLogin());
     EXPECT_TRUE(AppStartManager::setStartAtLogin(false));
-    EXPECT_EQ(QDir(autostartDir()).entryList(QDir::Files), QStringList{QStringLiteral("other.desktop")});
+    EXPECT_EQ(QDir(autostartDir()).entryList(QDir::Files), QStringList { QStringLiteral("other.desktop") });
 }
 
 } // namespace
