@@ -25,7 +25,7 @@ QString programPath()
     return QFileInfo(QCoreApplication::applicationFilePath()).absoluteFilePath();
 }
 
-// The two escape levels of an Exec value (Desktop Entry Specification, "The Exec key"):
+// The two escape levels of an Exec value in a freedesktop desktop entry:
 // inside double quotes ", `, $ and \ take a backslash; then the whole value is a
 // "string" whose own backslashes are doubled. A literal % is written %%.
 QString quotedExecArgument(const QString &path)
