@@ -44,7 +44,11 @@ struct EncoderProfile {
     std::string_view name;
     bool hardware;
     const char *capsProfile;
-    // Rate and cap; returns the sum of the property statuses.
+    // The rate-control mode and the cap's buffer, set once when the session is built;
+    // returns the sum of the property statuses.
+    int (*applyRateMode)(GstElement *encoder, int64_t bitrate);
+    // The rate itself (and what scales with it); also used for live changes. Returns the
+    // sum of the property statuses.
     int (*applyRate)(GstElement *encoder, int64_t bitrate);
     // Key-frame interval, latency, B-frames, output form.
     void (*applyFixed)(GstElement *encoder);
@@ -57,22 +61,25 @@ struct EncoderProfile {
 
 const EncoderProfile kProfiles[] = {
     {"vah264lpenc", true, "constrained-baseline",
-     [](GstElement *e, int64_t b) { return setArgProperty(e, "rate-control", "cbr") + setIntProperty(e, "bitrate", kbit(b)) + setIntProperty(e, "cpb-size", kbit(b)); },
+     [](GstElement *e, int64_t) { return setArgProperty(e, "rate-control", "cbr"); },
+     [](GstElement *e, int64_t b) { return setIntProperty(e, "bitrate", kbit(b)) + setIntProperty(e, "cpb-size", kbit(b)); },
      [](GstElement *e) { setIntProperty(e, "key-int-max", 30); setIntProperty(e, "b-frames", 0); setIntProperty(e, "target-usage", 7); },
      {"bitrate", "cpb-size"}, false},
     {"vah264enc", true, "constrained-baseline",
-     [](GstElement *e, int64_t b) { return setArgProperty(e, "rate-control", "cbr") + setIntProperty(e, "bitrate", kbit(b)) + setIntProperty(e, "cpb-size", kbit(b)); },
+     [](GstElement *e, int64_t) { return setArgProperty(e, "rate-control", "cbr"); },
+     [](GstElement *e, int64_t b) { return setIntProperty(e, "bitrate", kbit(b)) + setIntProperty(e, "cpb-size", kbit(b)); },
      [](GstElement *e) { setIntProperty(e, "key-int-max", 30); setIntProperty(e, "b-frames", 0); setIntProperty(e, "target-usage", 7); },
      {"bitrate", "cpb-size"}, false},
     {"vaapih264enc", true, "constrained-baseline",
      // A 1000 ms coded picture buffer: at most rate x 1 s + buffer = 2b in any second.
-     [](GstElement *e, int64_t b) { return setArgProperty(e, "rate-control", "cbr") + setIntProperty(e, "bitrate", kbit(b)) + setIntProperty(e, "cpb-length", 1000); },
+     [](GstElement *e, int64_t) { return setArgProperty(e, "rate-control", "cbr") + setIntProperty(e, "cpb-length", 1000); },
+     [](GstElement *e, int64_t b) { return setIntProperty(e, "bitrate", kbit(b)); },
      [](GstElement *e) { setIntProperty(e, "keyframe-period", 30); setIntProperty(e, "max-bframes", 0); setArgProperty(e, "tune", "low-power"); },
      {"bitrate"}, false},
     {"nvh264enc", true, "baseline",
+     [](GstElement *e, int64_t) { return setArgProperty(e, "rc-mode", "cbr"); },
      [](GstElement *e, int64_t b) {
-         return setArgProperty(e, "rc-mode", "cbr") + setIntProperty(e, "bitrate", kbit(b)) + setIntProperty(e, "max-bitrate", kbit(2 * b))
-                + setIntProperty(e, "vbv-buffer-size", kbit(b));
+         return setIntProperty(e, "bitrate", kbit(b)) + setIntProperty(e, "max-bitrate", kbit(2 * b)) + setIntProperty(e, "vbv-buffer-size", kbit(b));
      },
      [](GstElement *e) {
          setIntProperty(e, "gop-size", 30);
@@ -83,6 +90,7 @@ const EncoderProfile kProfiles[] = {
      },
      {"bitrate", "max-bitrate", "vbv-buffer-size"}, false},
     {"v4l2h264enc", true, "constrained-baseline",
+     [](GstElement *, int64_t) { return 0; },
      [](GstElement *e, int64_t b) {
          // V4L2 controls: bitrate mode 1 is CBR.
          const std::string controls = "controls,video_bitrate_mode=1,video_bitrate=" + std::to_string(b)
@@ -94,7 +102,8 @@ const EncoderProfile kProfiles[] = {
      // pass=cbr makes x264 set vbv-maxrate = bitrate; a 1000 ms VBV buffer then bounds any
      // one-second window by rate x 1 s + buffer = 2b. (An option-string vbv-maxrate would
      // be overridden by the pass setting.)
-     [](GstElement *e, int64_t b) { return setArgProperty(e, "pass", "cbr") + setIntProperty(e, "bitrate", kbit(b)) + setIntProperty(e, "vbv-buf-capacity", 1000); },
+     [](GstElement *e, int64_t) { return setArgProperty(e, "pass", "cbr") + setIntProperty(e, "vbv-buf-capacity", 1000); },
+     [](GstElement *e, int64_t b) { return setIntProperty(e, "bitrate", kbit(b)); },
      [](GstElement *e) {
          setArgProperty(e, "speed-preset", "ultrafast");
          setArgProperty(e, "tune", "zerolatency");
@@ -111,8 +120,9 @@ const EncoderProfile kProfiles[] = {
      },
      {"bitrate"}, false},
     {"openh264enc", false, "constrained-baseline",
+     [](GstElement *e, int64_t) { return setArgProperty(e, "rate-control", "bitrate"); },
      // openh264 does not enforce max-bitrate; it is set for what it is worth.
-     [](GstElement *e, int64_t b) { return setArgProperty(e, "rate-control", "bitrate") + setIntProperty(e, "bitrate", b) + setIntProperty(e, "max-bitrate", 2 * b); },
+     [](GstElement *e, int64_t b) { return setIntProperty(e, "bitrate", b) + setIntProperty(e, "max-bitrate", 2 * b); },
      [](GstElement *e) { setIntProperty(e, "gop-size", 30); setArgProperty(e, "usage-type", "camera"); setArgProperty(e, "complexity", "low"); },
      // Its "bitrate" is flagged mutable, but a change while running fails inside openh264
      // and the old rate stays; a new session is the only way.
@@ -187,7 +197,7 @@ public:
         GstCapsPtr avc(gst_caps_new_simple("video/x-h264", "stream-format", G_TYPE_STRING, "avc", "alignment", G_TYPE_STRING, "au", nullptr));
         g_object_set(avcCaps, "caps", avc.get(), nullptr);
 
-        status.bitrate = profile_.applyRate(enc, settings_.bitrate);
+        status.bitrate = profile_.applyRateMode(enc, settings_.bitrate) + profile_.applyRate(enc, settings_.bitrate);
         profile_.applyFixed(enc);
         liveRate_ = !profile_.liveRateBroken;
         for (const char *p : profile_.rateProperties) liveRate_ = liveRate_ && isMutableWhilePlaying(enc, p);
