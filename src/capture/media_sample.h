@@ -48,7 +48,9 @@ public:
     MediaSample() = default;
 
     // A raw picture; format is a GStreamer video format name ("NV12", "I420", "BGRx").
-    // The buffer is shared, not copied (the encoder reads the planes in place).
+    // The planes follow GStreamer's default layout for the format and size unless the
+    // buffer carries a GstVideoMeta with its own offsets and strides. The buffer is
+    // shared, not copied (the encoder reads the planes in place).
     static MediaSample rawVideo(GstBufferPtr buffer, std::string format, int width, int height, MediaTime pts);
     // One encoded access unit in AVCC form (4-byte big-endian lengths). parameterSets holds
     // the SPS at index 0 and the PPS at index 1; sync is false for frames that depend on others.
