@@ -120,7 +120,7 @@ void AppDelegate::buildWindow()
     keyWindow_->setWindowIcon(velocastAppIcon());
     viewController_ = new ViewController(control_, true, keyWindow_);
     keyWindow_->setCentralWidget(viewController_);
-    keyWindow_->resize(520, 380);
+    keyWindow_->resize(480, 560);
 
     QMenu *menu = keyWindow_->menuBar()->addMenu(kMenuTitle);
     QAction *settings = menu->addAction(kSettingsAction, this, &AppDelegate::appSetAction);

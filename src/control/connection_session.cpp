@@ -7,6 +7,7 @@
 #include "common/preferences.h"
 #include "control/connect_code_tool.h"
 #include "control/net_control.h"
+#include "control/session_texts.h"
 
 #include <QObject>
 #include <QThreadPool>
@@ -15,12 +16,7 @@
 namespace velocast {
 
 namespace {
-const QString kWrongCodeOrNetwork = QStringLiteral("连接码错误或与接收端不在同一网络");
-const QString kReceiverFull = QStringLiteral("传屏已投满请稍后重试");
-const QString kReceiverDeclined = QStringLiteral("接收端未同意你的请求");
-const QString kConnectFailed = QStringLiteral("连接失败");
-const QString kDisconnected = QStringLiteral("断开连接");
-const QString kCastFailed = QStringLiteral("投屏失败");
+using namespace text;
 
 void post(const char *name, const QVariant &object = QVariant())
 {
@@ -171,7 +167,7 @@ QString ConnectionSession::failureText(qint64 type)
 {
     switch (type) {
     case -1:
-        return kWrongCodeOrNetwork;
+        return kCodeOrNetworkError;
     case 1:
         return kReceiverFull;
     case 2:

@@ -1,19 +1,19 @@
 // Every text the windows show, in one place (UTF-8 source). Tests compare against these.
 #pragma once
 
+#include "control/session_texts.h" // the session's tips, shown in the main window
+
 #include <QString>
 
 namespace velocast::text {
 
-// Main window: code entry and connection session.
+// Main window: code entry.
 inline const QString kWifiLabel = QStringLiteral("无线网络:");
 inline const QString kWiredLabel = QStringLiteral("有线网络:");
-inline const QString kCodeOrNetworkError = QStringLiteral("连接码错误或与接收端不在同一网络");
-inline const QString kReceiverFull = QStringLiteral("传屏已投满请稍后重试");
-inline const QString kReceiverDeclined = QStringLiteral("接收端未同意你的请求");
-inline const QString kConnectFailed = QStringLiteral("连接失败");
-inline const QString kDisconnected = QStringLiteral("断开连接");
-inline const QString kCastFailed = QStringLiteral("投屏失败");
+inline const QString kNoNetwork = QStringLiteral("网络未连接，请检查网络设置");
+inline const QString kConnecting = QStringLiteral("正在连接…");
+inline const QString kEnterCode = QStringLiteral("请输入接收端显示的6位连接码");
+inline const QString kCodeBoxName = QStringLiteral("连接码第%1位");
 
 // Application shell.
 inline const QString kFirstStart = QStringLiteral("第一次启动");

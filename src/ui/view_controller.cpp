@@ -49,13 +49,6 @@ private:
     int angle_ = 0;
 };
 
-namespace {
-const QString kNoNetworkText = QStringLiteral("网络未连接，请检查网络设置");
-const QString kConnectingText = QStringLiteral("正在连接…");
-const QString kCancelText = QStringLiteral("取消");
-const QString kEnterCodeText = QStringLiteral("请输入接收端显示的6位连接码");
-} // namespace
-
 ViewController::ViewController(NetControl &control, bool watchNetwork, QWidget *parent)
     : QWidget(parent), control_(control)
 {
@@ -88,11 +81,23 @@ ViewController::~ViewController()
 
 void ViewController::buildViews()
 {
+    setAutoFillBackground(true);
+    QPalette pal = palette();
+    pal.setColor(QPalette::Window, Qt::white);
+    setPalette(pal);
+
     auto *outer = new QVBoxLayout(this);
     outer->setContentsMargins(32, 28, 32, 24);
     outer->setSpacing(18);
+    outer->addStretch(2);
 
-    auto *title = new QLabel(kEnterCodeText, this);
+    auto *mark = new QLabel(this);
+    mark->setPixmap(velocastAppIcon().pixmap(72, 72));
+    mark->setAlignment(Qt::AlignCenter);
+    mark->setAccessibleName(QStringLiteral("Velocast"));
+    outer->addWidget(mark);
+
+    auto *title = new QLabel(text::kEnterCode, this);
     title->setAlignment(Qt::AlignCenter);
     QFont titleFont = title->font();
     titleFont.setPointSizeF(titleFont.pointSizeF() * 1.25);
@@ -107,7 +112,7 @@ void ViewController::buildViews()
     for (int i = 0; i < 6; ++i) {
         auto *box = new QLineEdit(codeView_);
         box->setObjectName(QStringLiteral("field%1").arg(i + 1));
-        box->setAccessibleName(QStringLiteral("连接码第%1位").arg(i + 1));
+        box->setAccessibleName(text::kCodeBoxName.arg(i + 1));
         box->setAlignment(Qt::AlignCenter);
         box->setFixedSize(48, 56);
         QFont f = box->font();
@@ -129,14 +134,14 @@ void ViewController::buildViews()
     auto *noNetImage = new QLabel(noNetView_);
     noNetImage->setPixmap(noNetworkImage(48, devicePixelRatioF()));
     noNetImage->setAlignment(Qt::AlignCenter);
-    noNetImage->setAccessibleName(kNoNetworkText);
-    auto *noNetText = new QLabel(kNoNetworkText, noNetView_);
+    noNetImage->setAccessibleName(text::kNoNetwork);
+    auto *noNetText = new QLabel(text::kNoNetwork, noNetView_);
     noNetText->setAlignment(Qt::AlignCenter);
     noNetRow->addWidget(noNetImage);
     noNetRow->addWidget(noNetText);
     outer->addWidget(noNetView_);
 
-    outer->addStretch();
+    outer->addStretch(3);
 
     // Network line, replaced by the loading view while connecting.
     wifiTipBackView_ = new QWidget(this);
@@ -161,8 +166,8 @@ void ViewController::buildViews()
     loadRow->setContentsMargins(0, 0, 0, 0);
     loadRow->addStretch();
     spinner_ = new Spinner(loadingBackView_);
-    auto *loadingText = new QLabel(kConnectingText, loadingBackView_);
-    cancelButton_ = new QPushButton(kCancelText, loadingBackView_);
+    auto *loadingText = new QLabel(text::kConnecting, loadingBackView_);
+    cancelButton_ = new QPushButton(text::kCancel, loadingBackView_);
     cancelButton_->setObjectName(QStringLiteral("cancelButton"));
     // 1-point border in full-brightness white, corner radius 4.
     cancelButton_->setStyleSheet(QStringLiteral(

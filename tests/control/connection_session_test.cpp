@@ -293,23 +293,9 @@ TEST(ConnectionSession, NoNetworkOnlyClearsTheBoxesAndBadCodesFail)
 
 TEST(ConnectionSession, CancelWhileConnectingAndTheConnectTimeOut)
 {
-    // A listener whose accept queue is full: the connect never completes.
-    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(listener, reinterpret_cast<sockaddr *>(&a), sizeof a);
-    ::listen(listener, 0);
-    socklen_t len = sizeof a;
-    ::getsockname(listener, reinterpret_cast<sockaddr *>(&a), &len);
-    std::vector<int> fillers;
-    for (int i = 0; i < 3; ++i) {
-        fillers.push_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
-        ::connect(fillers.back(), reinterpret_cast<sockaddr *>(&a), sizeof a);
-    }
-
+    velocast::test::HangingListener hanging; // the connect never completes
     NetControl control;
-    control.setControlPort(ntohs(a.sin_port));
+    control.setControlPort(hanging.port());
     FakeView view;
     ConnectionSession session(view, control);
     session.setIpStr("127.0.0.1");
@@ -327,8 +313,6 @@ TEST(ConnectionSession, CancelWhileConnectingAndTheConnectTimeOut)
     velocast::test::spinFor(200ms);
     EXPECT_EQ(view.tips, std::vector<QString>{QStringLiteral("连接码错误或与接收端不在同一网络")});
     EXPECT_FALSE(view.loading);
-    for (int f : fillers) ::close(f);
-    ::close(listener);
 }
 
 } // namespace

@@ -249,23 +249,9 @@ TEST(NetControl, RefusedConnectGivesExactlyOneFalseFromTheSocketQueue)
 
 TEST(NetControl, ConnectThatNeverCompletesFailsAfterFiveSeconds)
 {
-    // A listener whose accept queue is full never completes the handshake.
-    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(listener, reinterpret_cast<sockaddr *>(&a), sizeof a);
-    ::listen(listener, 0);
-    socklen_t len = sizeof a;
-    ::getsockname(listener, reinterpret_cast<sockaddr *>(&a), &len);
-    std::vector<int> fillers;
-    for (int i = 0; i < 3; ++i) {
-        fillers.push_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
-        ::connect(fillers.back(), reinterpret_cast<sockaddr *>(&a), sizeof a);
-    }
-
+    velocast::test::HangingListener hanging;
     NetControl control;
-    control.setControlPort(ntohs(a.sin_port));
+    control.setControlPort(hanging.port());
     std::vector<bool> results;
     QElapsedTimer clock;
     clock.start();
@@ -274,8 +260,6 @@ TEST(NetControl, ConnectThatNeverCompletesFailsAfterFiveSeconds)
     EXPECT_GE(clock.elapsed(), 4900) << "gave up before the connect time-out";
     EXPECT_EQ(results, std::vector<bool>{false});
     EXPECT_FALSE(control.stream()) << "the time-out closes the stream";
-    for (int f : fillers) ::close(f);
-    ::close(listener);
 }
 
 TEST(NetControl, HeartbeatsAreAnsweredOrTheReceiverIsDeclaredLost)

@@ -46,35 +46,6 @@ struct Outcomes {
     }
 };
 
-// A listener on 127.0.0.1 whose accept queue is full: further connects hang in SYN_SENT.
-struct FullBacklogListener {
-    FullBacklogListener()
-    {
-        fd = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ::bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a);
-        ::listen(fd, 0);
-        socklen_t len = sizeof a;
-        ::getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
-        port = ntohs(a.sin_port);
-        for (int i = 0; i < 3; ++i) {
-            const int c = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-            ::connect(c, reinterpret_cast<sockaddr *>(&a), sizeof a);
-            fillers.push_back(c);
-        }
-    }
-    ~FullBacklogListener()
-    {
-        for (int c : fillers) ::close(c);
-        ::close(fd);
-    }
-    int fd = -1;
-    uint16_t port = 0;
-    std::vector<int> fillers;
-};
-
 TEST(NetStream, RefusedConnectGivesOneFalseFromTheSocketQueue)
 {
     Outcomes outcomes;
@@ -152,24 +123,24 @@ TEST(NetStream, ConnectsTunesTheSocketAndDeliversChunksOfAtMost1024Bytes)
 
 TEST(NetStream, CloseOrDropDuringAConnectReportsNothingAndDoesNotHang)
 {
-    FullBacklogListener hanging;
+    velocast::test::HangingListener hanging;
     Outcomes outcomes;
     {
         auto stream = NetStream::create();
-        stream->createStreamWithHost("127.0.0.1", hanging.port, outcomes.block());
+        stream->createStreamWithHost("127.0.0.1", hanging.port(), outcomes.block());
         velocast::test::spinFor(50ms); // the connect is now blocked
         stream->closeStream();
     }
     {
         // Dropped without a close while blocked: destruction cancels the connect.
         auto stream = NetStream::create();
-        stream->createStreamWithHost("127.0.0.1", hanging.port, outcomes.block());
+        stream->createStreamWithHost("127.0.0.1", hanging.port(), outcomes.block());
         velocast::test::spinFor(50ms);
     }
     {
         // Closed before the socket queue even started.
         auto stream = NetStream::create();
-        stream->createStreamWithHost("127.0.0.1", hanging.port, outcomes.block());
+        stream->createStreamWithHost("127.0.0.1", hanging.port(), outcomes.block());
         stream->closeStream();
     }
     velocast::test::spinFor(100ms);

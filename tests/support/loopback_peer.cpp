@@ -36,6 +36,28 @@ uint16_t refusedPort()
     return ntohs(a.sin_port);
 }
 
+HangingListener::HangingListener()
+{
+    fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a = loopback(0);
+    ::bind(fd_, reinterpret_cast<sockaddr *>(&a), sizeof a);
+    ::listen(fd_, 0);
+    socklen_t len = sizeof a;
+    ::getsockname(fd_, reinterpret_cast<sockaddr *>(&a), &len);
+    port_ = ntohs(a.sin_port);
+    // Backlog 0 still queues one connection; a few more make sure the queue is full.
+    for (int i = 0; i < 3; ++i) {
+        fillers_.push_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+        ::connect(fillers_.back(), reinterpret_cast<sockaddr *>(&a), sizeof a);
+    }
+}
+
+HangingListener::~HangingListener()
+{
+    for (int f : fillers_) ::close(f);
+    ::close(fd_);
+}
+
 LoopbackPeer::LoopbackPeer()
 {
     listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);

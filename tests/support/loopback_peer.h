@@ -9,6 +9,7 @@
 #include <functional>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 namespace velocast::test {
 
@@ -58,5 +59,21 @@ private:
 
 // A port on 127.0.0.1 where nothing listens (bound then closed).
 uint16_t refusedPort();
+
+// A listener on 127.0.0.1 whose accept queue is already full: connects to it hang in
+// SYN_SENT until they time out, without any packet leaving this machine.
+class HangingListener {
+public:
+    HangingListener();
+    ~HangingListener();
+    HangingListener(const HangingListener &) = delete;
+    HangingListener &operator=(const HangingListener &) = delete;
+    uint16_t port() const { return port_; }
+
+private:
+    int fd_ = -1;
+    uint16_t port_ = 0;
+    std::vector<int> fillers_;
+};
 
 } // namespace velocast::test

@@ -15,8 +15,10 @@ ns="vc-e2e-$$"
 tmp=$(mktemp -d /tmp/velocast-e2e.XXXXXX)
 pids=()
 cleanup() {
-    for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done
-    wait 2>/dev/null || true
+    # Everything started here runs inside the namespace: end all of it.
+    for p in $(ip netns pids "$ns" 2>/dev/null) "${pids[@]}"; do kill "$p" 2>/dev/null || true; done
+    for _ in $(seq 1 30); do [ -z "$(ip netns pids "$ns" 2>/dev/null)" ] && break; sleep 0.1; done
+    for p in $(ip netns pids "$ns" 2>/dev/null); do kill -9 "$p" 2>/dev/null || true; done
     ip netns del "$ns" 2>/dev/null || true
     rm -rf "$tmp"
 }
@@ -44,24 +46,26 @@ has_event() { grep -q "$1" "$events"; }
 
 # Xvfb inside the namespace.
 exec 9<> <(:)
-in_ns Xvfb -displayfd 9 -screen 0 1024x768x24 -nolisten tcp >"$tmp/xvfb.log" 2>&1 &
+ip netns exec "$ns" Xvfb -displayfd 9 -screen 0 1024x768x24 -nolisten tcp >"$tmp/xvfb.log" 2>&1 &
 pids+=($!)
 read -r -t 10 -u 9 display || { echo "FAIL: Xvfb did not start"; cat "$tmp/xvfb.log"; exit 1; }
 exec 9<&-
 export DISPLAY=":$display"
 
 mkfifo "$tmp/commands"
-in_ns "$receiver" --bind 10.77.1.1 --headless --quiet --event-log "$events" --safe-code 3 <"$tmp/commands" &
+ip netns exec "$ns" "$receiver" --bind 10.77.1.1 --headless --quiet --event-log "$events" --safe-code 3 <"$tmp/commands" &
 pids+=($!)
 exec 3>"$tmp/commands"
 wait_for 10 has_event '"listening"' || { echo "FAIL: the receiver did not start"; exit 1; }
 code=$(grep '"listening"' "$events" | sed -E 's/.*"code":"([0-9]{6})".*/\1/')
 echo "receiver shows code $code"
 
-mkdir -p "$tmp/config" "$tmp/home" "$tmp/run"
+# A home, settings and temporary folder of its own: the program is single-instance per user
+# through a socket in the temporary folder, and must not find another copy of itself.
+mkdir -p "$tmp/config" "$tmp/home" "$tmp/run" "$tmp/tmp"
 chmod 700 "$tmp/run"
-in_ns env HOME="$tmp/home" XDG_CONFIG_HOME="$tmp/config" XDG_RUNTIME_DIR="$tmp/run" QT_QPA_PLATFORM=xcb \
-    "$app" >"$tmp/app.log" 2>&1 &
+ip netns exec "$ns" env HOME="$tmp/home" XDG_CONFIG_HOME="$tmp/config" XDG_RUNTIME_DIR="$tmp/run" TMPDIR="$tmp/tmp" \
+    QT_QPA_PLATFORM=xcb "$app" >"$tmp/app.log" 2>&1 &
 pids+=($!)
 
 window=""

@@ -1,5 +1,7 @@
-// Renders the casting panel, the settings window and the help wizard to PNG files:
-//   ui_screenshots <folder>   → panel.png, panel-roads.png, panel-waiting.png,
+// Renders the main window, the casting panel, the settings window and the help wizard to
+// PNG files:
+//   ui_screenshots <folder>   → main-window.png, main-window-connecting.png,
+//                               main-window-no-network.png, panel.png, panel-roads.png, panel-waiting.png,
 //                               panel-name-prompt.png, settings.png, help-wizard.png,
 //                               help-wizard-3.png
 // Runs on any Qt platform (offscreen by default). Preferences and autostart live in a
@@ -7,12 +9,17 @@
 #include "common/notification_center.h"
 #include "common/notification_names.h"
 #include "common/preferences.h"
+#include "control/net_control.h"
 #include "ui/connect_help_controller.h"
 #include "ui/miracast_controller.h"
 #include "ui/setting_controller.h"
+#include "ui/view_controller.h"
 
 #include <QApplication>
 #include <QDir>
+#include <QLineEdit>
+#include <QMainWindow>
+#include <QMenuBar>
 #include <QPushButton>
 #include <QTemporaryDir>
 #include <QTextStream>
@@ -54,6 +61,31 @@ int main(int argc, char **argv)
     using namespace velocast;
     Preferences::setValue(QString::fromLatin1(prefkey::InitPCName), true);
     SaveDisplayName(QStringLiteral("我的电脑"));
+
+    {
+        // The main window as a person sees it: two digits typed on a Wi-Fi network.
+        NetControl control;
+        QMainWindow main;
+        main.setWindowTitle(QStringLiteral("Velocast"));
+        main.menuBar()->addMenu(QStringLiteral("Velocast"));
+        auto *vc = new ViewController(control, false, &main);
+        main.setCentralWidget(vc);
+        main.resize(480, 560);
+        main.show();
+        vc->configNetName(QStringLiteral("office-wlan"), QStringLiteral("192.168.1.20"), true, true);
+        vc->reSetTextFields();
+        for (const QString &digit : {QStringLiteral("1"), QStringLiteral("9")}) {
+            auto *box = vc->field(int(vc->textCode().size()) + 1);
+            box->setText(digit);
+            vc->controlTextDidChange(box, digit);
+        }
+        ok &= save(&main, folder, QStringLiteral("main-window.png"));
+        vc->setLoadingVisible(true);
+        ok &= save(&main, folder, QStringLiteral("main-window-connecting.png"));
+        vc->setLoadingVisible(false);
+        vc->configNetName(QString(), QString(), true, false);
+        ok &= save(&main, folder, QStringLiteral("main-window-no-network.png"));
+    }
 
     QWidget window;
     window.setWindowTitle(QStringLiteral("Velocast"));
