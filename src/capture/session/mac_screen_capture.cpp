@@ -1,0 +1,438 @@
+#include "capture/session/mac_screen_capture.h"
+
+#include "capture/gst_util.h"
+#include "common/lenient_value.h"
+#include "common/log.h"
+#include "common/main_thread.h"
+#include "common/notification_names.h"
+#include "push/bridge/camera_encoder.h"
+#include "push/push_api.h"
+
+namespace velocast {
+
+namespace {
+
+const QString kPermissionRequest = QStringLiteral("id_permission_request");
+const QString kPermissionDisconnect = QStringLiteral("id_permission_disconnect");
+const QString kPermissionAllow = QStringLiteral("id_permission_allow");
+const QString kPermissionRefuse = QStringLiteral("id_permission_refuse");
+const QString kCodecResize = QStringLiteral("id_codec_resize");
+const QString kVideoPause = QStringLiteral("id_video_pause");
+const QString kAudioCtrl = QStringLiteral("id_audio_ctrl");
+const QString kPcMkEvent = QStringLiteral("id_pc_mk_event");
+
+// The screen-casting road's type in the permission messages.
+constexpr int kScreenType = 2;
+
+QVariantMap screenMessage(const QString &id)
+{
+    return {{QStringLiteral("id"), id}, {QStringLiteral("property"), QVariantMap{{QStringLiteral("type"), kScreenType}}}};
+}
+
+int32_t int32Value(const QVariantMap &property, const char *key)
+{
+    return int32_t(lenientInt(property, QString::fromLatin1(key)));
+}
+
+} // namespace
+
+// The running capture: the screen input and, when there is one, the audio input.
+class MacScreenCapture::CaptureSession {
+public:
+    std::unique_ptr<capture::CaptureSource> video;
+    std::unique_ptr<capture::CaptureSource> audio;
+
+    void startRunning()
+    {
+        QString error;
+        if (video && !video->startRunning(&error)) logLine(lcCapture(), QStringLiteral("ERROR: input video: %1").arg(error));
+        if (audio && !audio->startRunning(&error)) logLine(lcCapture(), QStringLiteral("ERROR: input audio: %1").arg(error));
+    }
+    // Joins both capture threads: no sample is delivered after this returns.
+    void stopRunning()
+    {
+        if (video) video->stopRunning();
+        if (audio) audio->stopRunning();
+    }
+};
+
+MacScreenCapture &MacScreenCapture::shareCapture()
+{
+    // Function-local statics are destroyed in the reverse order of their construction. The
+    // teardown of this one still closes the push context and posts nothing, so make the
+    // push context (a no-op close) and GStreamer exist first; the notification centre and
+    // the log are made inside the constructor, which also puts them before this object.
+    push::PushClose(nullptr);
+    capture::ensureGstreamer();
+    static MacScreenCapture instance;
+    return instance;
+}
+
+MacScreenCapture::MacScreenCapture(BackendFactory backendFactory)
+    : backendFactory_(std::move(backendFactory)), life_(std::make_shared<MacScreenCapture *>(this))
+{
+    logLine(lcCapture(), QStringLiteral("-[MacScreenCapture init]"));
+    aPort_.store(kDefaultPort);
+    vPort_.store(kDefaultPort);
+    addNotice();
+}
+
+MacScreenCapture::~MacScreenCapture()
+{
+    // Order: no notification reaches us any more; no capture thread runs; then the encoder
+    // (its threads call the push API, which it closes last).
+    notices_.clear();
+    listenMsg(false);
+    life_.reset();
+    std::lock_guard lock(sessionMutex_);
+    releaseCaptureSession();
+    if (auto enc = encoder()) {
+        if (isPutting_.load()) enc->stopCamera();
+        enc->destroyEv();
+    }
+    std::lock_guard encoderLock(encoderMutex_);
+    cameraEncoder_.reset();
+}
+
+void MacScreenCapture::addNotice()
+{
+    auto &center = NotificationCenter::defaultCenter();
+    notices_.push_back(center.addObserver(QString::fromLatin1(notice::NOTICE_STARTSCREENCAPTURE), [this](const QVariant &) { startPut(); }));
+    for (const char *name : {notice::NOTICE_STOPSCREENCAPTURE, notice::NOTICE_BEDISCONNECT, notice::NOTICE_DISCONNECT})
+        notices_.push_back(center.addObserver(QString::fromLatin1(name), [this](const QVariant &) { stopPut(); }));
+}
+
+// --- Requests from the application -------------------------------------------------------
+
+void MacScreenCapture::startPut()
+{
+    listenMsg(true);
+    sendStartMessage();
+}
+
+void MacScreenCapture::stopPut()
+{
+    sendStopMessage();
+    stopPutFouction();
+}
+
+void MacScreenCapture::startPutFuction()
+{
+    std::lock_guard lock(sessionMutex_);
+    if (isPutting_.load()) return;
+    // Audio stays off until the receiver asks for it.
+    isAudioUse_.store(false);
+    if (!captureSession_) configScreenCapture();
+    if (!captureSession_) return; // configScreenCapture said why
+    isPutting_.store(true);
+    captureSession_->startRunning();
+    if (auto enc = encoder()) enc->startLiving(ipStr(), vPort_.load(), aPort_.load());
+}
+
+void MacScreenCapture::stopPutFouction()
+{
+    if (!isPutting_.load()) return;
+    isAudioUse_.store(false);
+    std::weak_ptr<MacScreenCapture *> weak = life_;
+    runOnMainThread([weak] {
+        const auto life = weak.lock();
+        if (!life) return;
+        MacScreenCapture *self = *life;
+        self->listenMsg(false);
+        std::lock_guard lock(self->sessionMutex_);
+        self->isPutting_.store(false);
+        // The next start builds a fresh capture and a fresh encoder bridge; this bridge is
+        // stopped here and kept until then.
+        self->releaseCaptureSession();
+        if (auto enc = self->encoder()) enc->stopCamera();
+    });
+}
+
+void MacScreenCapture::pausePut(bool pause) { isPause_.store(pause); }
+
+void MacScreenCapture::audioEnable(bool enable) { isAudioUse_.store(enable); }
+
+void MacScreenCapture::changeSizeForCount(int64_t count)
+{
+    if (count <= 0) return;
+    const int64_t divisor = count == 1 ? 1 : count <= 6 ? 2 : 3;
+    const auto enc = encoder();
+    if (!enc) return;
+    const QSizeF size = screenSize();
+    enc->changeOutputSize({size.width() / double(divisor), size.height() / double(divisor)});
+    enc->changeBitrate(bitRate_.load() / divisor);
+}
+
+// --- Control messages --------------------------------------------------------------------
+
+void MacScreenCapture::listenMsg(bool listen)
+{
+    if (listen) {
+        Observation o = NotificationCenter::defaultCenter().addObserver(QString::fromLatin1(notice::NETCONTROL_RECEIVE),
+                                                                         [this](const QVariant &message) { receiveMsg(message); });
+        std::lock_guard lock(listenMutex_);
+        listening_.push_back(std::move(o));
+        return;
+    }
+    std::vector<Observation> gone;
+    {
+        std::lock_guard lock(listenMutex_);
+        gone.swap(listening_);
+    }
+    // Destroyed outside the lock: a reset waits for a delivery in progress on another
+    // thread, and that delivery may itself be calling listenMsg.
+    gone.clear();
+}
+
+int MacScreenCapture::listeningCount() const
+{
+    std::lock_guard lock(listenMutex_);
+    return int(listening_.size());
+}
+
+void MacScreenCapture::receiveMsg(const QVariant &message)
+{
+    const QString id = messageId(message);
+    const QVariantMap property = messageProperty(message.toMap());
+    if (id == kPermissionAllow) {
+        if (!isPutting_.load()) startPutFuction();
+    } else if (id == kPermissionRefuse) {
+        listenMsg(false);
+    } else if (id == kPermissionDisconnect) {
+        if (lenientInt(property, QStringLiteral("type")) != kScreenType) return;
+        listenMsg(false);
+        stopPutFouction();
+        NotificationCenter::defaultCenter().post(QString::fromLatin1(notice::NOTICE_BESTOPSCREENCAPTURE));
+    } else if (id == kCodecResize) {
+        if (lenientInt(property, QStringLiteral("type")) != kScreenType) return;
+        changeSizeForCount(lenientInt(property, QStringLiteral("count")));
+    } else if (id == kVideoPause) {
+        pausePut(lenientBool(property, QStringLiteral("pause")));
+    } else if (id == kAudioCtrl) {
+        audioEnable(lenientInt(property, QStringLiteral("type")) == 1);
+    } else if (id == kPcMkEvent) {
+        mouseEventWithType(int32Value(property, "type"), int32Value(property, "x"), int32Value(property, "y"), int32Value(property, "width"),
+                           int32Value(property, "height"), int32Value(property, "wheel_x"), int32Value(property, "wheel_y"));
+    }
+}
+
+void MacScreenCapture::sendStartMessage() { sendDic(screenMessage(kPermissionRequest)); }
+
+void MacScreenCapture::sendStopMessage() { sendDic(screenMessage(kPermissionDisconnect)); }
+
+void MacScreenCapture::sendDic(const QVariantMap &message)
+{
+    NotificationCenter::defaultCenter().post(QString::fromLatin1(notice::NETCONTROL_SEND), message);
+}
+
+void MacScreenCapture::mouseEventWithType(int32_t type, int32_t x, int32_t y, int32_t width, int32_t height, int32_t wheel_x,
+                                          int32_t wheel_y)
+{
+    // Injecting the event into this desktop comes with remote input; until then it is only
+    // recorded.
+    logLine(lcCapture(), QStringLiteral("mouseEventWithType: type %1 x %2 y %3 width %4 height %5 wheel_x %6 wheel_y %7 (not injected)")
+                             .arg(type).arg(x).arg(y).arg(width).arg(height).arg(wheel_x).arg(wheel_y));
+}
+
+// --- Building the capture ----------------------------------------------------------------
+
+void MacScreenCapture::configScreenCapture()
+{
+    std::lock_guard lock(sessionMutex_);
+    if (!backend_ && backendFactory_) backend_ = backendFactory_();
+    if (!backend_) {
+        logLine(lcCapture(), QStringLiteral("screen capture is not available here; the cast does not start"));
+        return;
+    }
+    QString why;
+    std::optional<capture::MainDisplay> display = backend_->mainDisplay(&why);
+    if (!display) {
+        logLine(lcCapture(), QStringLiteral("cannot capture the screen: %1; the cast does not start").arg(why));
+        return;
+    }
+    displayID_.store(display->displayID);
+    {
+        std::lock_guard props(propertyMutex_);
+        display_ = display;
+    }
+    captureSession_ = std::make_unique<CaptureSession>();
+    configVideoWithSession();
+    configAudioWithSession();
+    configEncoder();
+}
+
+void MacScreenCapture::configVideoWithSession()
+{
+    std::lock_guard lock(sessionMutex_);
+    std::optional<capture::MainDisplay> display;
+    {
+        std::lock_guard props(propertyMutex_);
+        display = display_;
+    }
+    if (!captureSession_ || !backend_ || !display) return;
+    QString error;
+    captureSession_->video = backend_->makeScreenInput(
+        *display, [this](const capture::MediaSample &sample) { captureOutput(sample, Output::Video); }, &error);
+    if (!captureSession_->video) logLine(lcCapture(), QStringLiteral("ERROR: input video: %1").arg(error));
+}
+
+void MacScreenCapture::configAudioWithSession()
+{
+    std::lock_guard lock(sessionMutex_);
+    if (!captureSession_ || !backend_) return;
+    QString error;
+    captureSession_->audio = backend_->makeAudioInput([this](const capture::MediaSample &sample) { captureOutput(sample, Output::Audio); },
+                                                      &error);
+    // The cast goes on without sound.
+    if (!captureSession_->audio) logLine(lcCapture(), QStringLiteral("ERROR: input audio: %1").arg(error));
+}
+
+void MacScreenCapture::configEncoder()
+{
+    std::lock_guard lock(sessionMutex_);
+    auto fresh = std::make_shared<push::CameraEncoder>();
+    // The bridge's state reports are not acted on here.
+    fresh->setStateBlock([](int32_t) {});
+    std::shared_ptr<push::CameraEncoder> previous;
+    {
+        std::lock_guard encoderLock(encoderMutex_);
+        previous = std::exchange(cameraEncoder_, fresh);
+    }
+    // The previous bridge was stopped when its cast ended; no capture runs now.
+    previous.reset();
+
+    QSizeF size;
+    {
+        std::lock_guard props(propertyMutex_);
+        if (display_) size = QSizeF(display_->width, display_->height);
+    }
+    setScreenSize(size);
+    fresh->changeOutputSize({size.width(), size.height()});
+    bitRate_.store(kFullBitRate);
+    fresh->changeBitrate(kFullBitRate);
+}
+
+void MacScreenCapture::releaseCaptureSession()
+{
+    std::lock_guard lock(sessionMutex_);
+    if (!captureSession_) return;
+    captureSession_->stopRunning();
+    captureSession_.reset();
+}
+
+// --- Samples -----------------------------------------------------------------------------
+
+void MacScreenCapture::captureOutput(const capture::MediaSample &sample, Output output)
+{
+    (output == Output::Video ? videoCaptured_ : audioCaptured_).fetch_add(1);
+    if (!isPutting_.load() || isPause_.load()) return;
+    const auto enc = encoder();
+    if (!enc) return;
+    if (output == Output::Video) {
+        videoForwarded_.fetch_add(1);
+        enc->pushBuffer(sample);
+    } else if (isAudioUse_.load()) {
+        audioForwarded_.fetch_add(1);
+        enc->pushAudioBuffer(sample);
+    }
+}
+
+// --- Fit ---------------------------------------------------------------------------------
+
+// The source keeps its aspect ratio r and is centred in the aim area. A width fit takes the
+// aim's width (and falls back to a height fit when the result is too tall); a height fit
+// takes the aim's height and is not checked against the aim's width. Which fit applies:
+//   1. source as wide or wider, not taller            -> width fit
+//   2. source as narrow or narrower, as tall or taller -> height fit
+//   3. source larger in both                          -> landscape source: width fit;
+//      otherwise a landscape (or square) aim: height fit; a portrait aim: width fit for a
+//      square source, height fit for a portrait one (which can come out wider than the aim)
+//   4. source smaller in both                         -> kept as is with keepOriSize,
+//      otherwise scaled up to the aim's height, or to its width when that is too wide.
+QRectF MacScreenCapture::resizeCalWithAimWidth(double aimWidth, double aimHeight, double sourceWidth, double sourceHeight, bool keepOriSize)
+{
+    const double r = sourceWidth / sourceHeight;
+    double w = 0;
+    double h = 0;
+    const auto heightFit = [&] {
+        w = r * aimHeight;
+        h = aimHeight;
+    };
+    const auto widthFit = [&] {
+        w = aimWidth;
+        h = aimWidth / r;
+        if (h > aimHeight) heightFit();
+    };
+    if (sourceWidth >= aimWidth && aimHeight >= sourceHeight) {
+        widthFit();
+    } else if (aimWidth >= sourceWidth && sourceHeight >= aimHeight) {
+        heightFit();
+    } else if (sourceWidth > aimWidth && sourceHeight > aimHeight) {
+        if (sourceWidth > sourceHeight)
+            widthFit();
+        else if (aimHeight <= aimWidth)
+            heightFit();
+        else if (sourceWidth == sourceHeight)
+            widthFit();
+        else
+            heightFit();
+    } else if (keepOriSize) {
+        w = sourceWidth;
+        h = sourceHeight;
+    } else {
+        w = r * aimHeight;
+        h = aimHeight;
+        if (w > aimWidth) {
+            w = aimWidth;
+            h = aimWidth / r;
+        }
+    }
+    return QRectF((aimWidth - w) * 0.5, (aimHeight - h) * 0.5, w, h);
+}
+
+// --- Properties --------------------------------------------------------------------------
+
+QString MacScreenCapture::ipStr() const
+{
+    std::lock_guard lock(propertyMutex_);
+    return ipStr_;
+}
+
+void MacScreenCapture::setIpStr(const QString &ip)
+{
+    std::lock_guard lock(propertyMutex_);
+    ipStr_ = ip;
+}
+
+QSizeF MacScreenCapture::screenSize() const
+{
+    std::lock_guard lock(propertyMutex_);
+    return screenSize_;
+}
+
+void MacScreenCapture::setScreenSize(QSizeF size)
+{
+    std::lock_guard lock(propertyMutex_);
+    screenSize_ = size;
+}
+
+push::CameraEncoder *MacScreenCapture::cameraEncoder() const { return encoder().get(); }
+
+std::shared_ptr<push::CameraEncoder> MacScreenCapture::encoder() const
+{
+    std::lock_guard lock(encoderMutex_);
+    return cameraEncoder_;
+}
+
+MacScreenCapture::SampleCounts MacScreenCapture::sampleCounts() const
+{
+    return {videoCaptured_.load(), videoForwarded_.load(), audioCaptured_.load(), audioForwarded_.load()};
+}
+
+bool MacScreenCapture::hasAudioInput() const
+{
+    std::lock_guard lock(sessionMutex_);
+    return captureSession_ && captureSession_->audio;
+}
+
+} // namespace velocast

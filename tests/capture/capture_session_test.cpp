@@ -1,0 +1,402 @@
+// The casting session: the fit computation, split-screen scaling as the encoder bridge sees
+// it, the permission exchange and the receiver's steering messages against the reference
+// receiver on loopback, and (under an X server and PulseAudio) a real cast of the screen and
+// the default audio input that the receiver takes in without a violation.
+#include "capture/session/mac_screen_capture.h"
+
+#include "common/notification_center.h"
+#include "common/notification_names.h"
+#include "control/net_control.h"
+#include "media_test_support.h"
+#include "push/bridge/camera_encoder.h"
+#include "support/reference_receiver.h"
+#include "support/test_support.h"
+
+#include <QDir>
+#include <QJsonArray>
+#include <QJsonDocument>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+
+using namespace velocast;
+using velocast::test::LogRecorder;
+using velocast::test::ReferenceReceiver;
+using velocast::test::waitUntil;
+using namespace std::chrono_literals;
+
+namespace {
+
+// No capture backend: the message handling alone, whatever the machine has.
+std::unique_ptr<capture::CaptureBackend> noBackend() { return nullptr; }
+
+struct FitCase {
+    const char *name;
+    double aimW, aimH, srcW, srcH;
+    bool keep;
+    double x, y, w, h;
+};
+
+class Fit : public ::testing::TestWithParam<FitCase> { };
+
+TEST_P(Fit, PlacesTheSourceInTheAim)
+{
+    const FitCase &c = GetParam();
+    const QRectF r = MacScreenCapture::resizeCalWithAimWidth(c.aimW, c.aimH, c.srcW, c.srcH, c.keep);
+    EXPECT_DOUBLE_EQ(r.x(), c.x);
+    EXPECT_DOUBLE_EQ(r.y(), c.y);
+    EXPECT_DOUBLE_EQ(r.width(), c.w);
+    EXPECT_DOUBLE_EQ(r.height(), c.h);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    MacScreenCapture, Fit,
+    ::testing::Values(
+        // Smaller in both: scaled up to the aim's height (r = 1.6), or kept as it is.
+        FitCase{"smaller_scaled", 1920, 1080, 1280, 800, false, 96, 0, 1728, 1080},
+        FitCase{"smaller_kept", 1920, 1080, 1280, 800, true, 320, 140, 1280, 800},
+        // Smaller in both, scaled to the height would be too wide: the width wins.
+        FitCase{"smaller_wide", 1000, 1000, 400, 100, false, 0, 375, 1000, 250},
+        // Larger in both, landscape: the width fit is too tall, so the height fit.
+        FitCase{"larger_landscape", 1280, 720, 2880, 1800, false, 64, 0, 1152, 720},
+        // Larger in both, landscape source that fits by width.
+        FitCase{"larger_by_width", 1280, 1024, 2560, 1440, false, 0, 152, 1280, 720},
+        // Wider, not taller: width fit.
+        FitCase{"wider", 1000, 800, 2000, 500, false, 0, 275, 1000, 250},
+        // Narrower and taller: height fit.
+        FitCase{"taller", 1000, 800, 400, 1600, false, 400, 0, 200, 800},
+        // Larger in both, portrait source in a landscape aim: height fit.
+        FitCase{"portrait_in_landscape", 1280, 720, 1500, 2000, false, 370, 0, 540, 720},
+        // Larger in both, portrait aim: a square source takes the width...
+        FitCase{"square_in_portrait", 720, 1280, 2000, 2000, false, 0, 280, 720, 720},
+        // ...and a portrait one the height, unchecked: it comes out wider than the aim.
+        FitCase{"portrait_overflow", 720, 1280, 1500, 2000, false, -120, 0, 960, 1280}),
+    [](const auto &info) { return std::string(info.param.name); });
+
+TEST(MacScreenCapture, SplitScreenCountScalesWhatTheEncoderGets)
+{
+    MacScreenCapture capture(noBackend);
+    EXPECT_EQ(capture.cameraEncoder(), nullptr);
+    capture.changeSizeForCount(2); // no bridge yet: nothing to scale, nothing breaks
+
+    capture.configEncoder();
+    ASSERT_NE(capture.cameraEncoder(), nullptr);
+    EXPECT_EQ(capture.bitRate(), 4000000);
+    capture.setScreenSize(QSizeF(1920, 1080));
+    capture::H264HWEncoder *h264 = capture.cameraEncoder()->h264Encoder();
+    ASSERT_NE(h264, nullptr);
+
+    struct Step {
+        int64_t count;
+        double w, h;
+        int64_t rate;
+    };
+    const Step steps[] = {
+        {7, 640, 360, 1333333}, {1, 1920, 1080, 4000000}, {2, 960, 540, 2000000}, {0, 960, 540, 2000000},
+        {6, 960, 540, 2000000}, {100, 640, 360, 1333333}, {-3, 640, 360, 1333333}, {1, 1920, 1080, 4000000},
+    };
+    for (const Step &s : steps) {
+        capture.changeSizeForCount(s.count);
+        EXPECT_EQ(h264->outputSize().width, s.w) << "count " << s.count;
+        EXPECT_EQ(h264->outputSize().height, s.h) << "count " << s.count;
+        EXPECT_EQ(h264->bitrate(), s.rate) << "count " << s.count;
+        EXPECT_EQ(capture.bitRate(), 4000000) << "the full rate stays";
+    }
+}
+
+TEST(MacScreenCapture, PropertiesStartAsDesigned)
+{
+    MacScreenCapture capture(noBackend);
+    EXPECT_EQ(capture.vPort(), 15630);
+    EXPECT_EQ(capture.aPort(), 15630);
+    EXPECT_TRUE(capture.ipStr().isNull());
+    EXPECT_EQ(capture.displayID(), 0u);
+    EXPECT_EQ(capture.screenSize(), QSizeF(0, 0));
+    EXPECT_FALSE(capture.isPutting());
+    EXPECT_FALSE(capture.isPause());
+    EXPECT_FALSE(capture.isAudioUse());
+    EXPECT_EQ(capture.listeningCount(), 0);
+}
+
+// A control channel to a reference receiver on loopback.
+struct Link {
+    explicit Link(QStringList receiverArgs = {}) : receiver(std::move(receiverArgs))
+    {
+        if (!ReferenceReceiver::available() || !receiver.start()) return;
+        control.setControlPort(receiver.controlPort());
+        bool done = false;
+        control.connect("127.0.0.1", [&](bool ok) {
+            connected = ok;
+            done = true;
+        });
+        waitUntil([&] { return done; });
+    }
+    // Waits for the n-th message with that id from us.
+    bool receivedCount(const QString &id, int n) { return waitUntil([&] { return receiver.received(id).size() >= n; }, 10s); }
+    ReferenceReceiver receiver;
+    NetControl control;
+    bool connected = false;
+};
+
+#define REQUIRE_LINK(link)                                                                                                  \
+    if (!ReferenceReceiver::available()) GTEST_SKIP() << "built without the reference receiver";                          \
+    ASSERT_TRUE((link).connected) << (link).receiver.error().toStdString()
+
+bool isScreenType(const QJsonObject &event) { return event.value("property").toObject().value("type") == QJsonValue(2); }
+
+// Counts NOTICE_BESTOPSCREENCAPTURE.
+struct BeStopCounter {
+    int count = 0;
+    Observation o = NotificationCenter::defaultCenter().addObserver(notice::NOTICE_BESTOPSCREENCAPTURE, [this](const QVariant &) { ++count; });
+};
+
+TEST(MacScreenCapture, StartAsksForPermissionAndARefusalEndsListening)
+{
+    Link link({"--permission", "manual"});
+    REQUIRE_LINK(link);
+    MacScreenCapture capture(noBackend);
+    NotificationCenter::defaultCenter().post(notice::NOTICE_STARTSCREENCAPTURE);
+    ASSERT_TRUE(link.receivedCount("id_permission_request", 1));
+    EXPECT_TRUE(isScreenType(link.receiver.received("id_permission_request").first()));
+    EXPECT_EQ(capture.listeningCount(), 1);
+
+    // Steering messages are handled while listening: pause and audio, read leniently.
+    link.receiver.command("pause");
+    ASSERT_TRUE(waitUntil([&] { return capture.isPause(); }));
+    link.receiver.command(R"(send id_video_pause {"pause":"0"})");
+    ASSERT_TRUE(waitUntil([&] { return !capture.isPause(); }));
+    link.receiver.command("audio on");
+    ASSERT_TRUE(waitUntil([&] { return capture.isAudioUse(); }));
+    for (const char *off : {"audio 2", "audio off", "send id_audio_ctrl {}", "audio 0"}) {
+        link.receiver.command("audio on");
+        ASSERT_TRUE(waitUntil([&] { return capture.isAudioUse(); }));
+        link.receiver.command(off);
+        ASSERT_TRUE(waitUntil([&] { return !capture.isAudioUse(); })) << off;
+    }
+    link.receiver.command(R"(send id_audio_ctrl {"type":"1"})");
+    ASSERT_TRUE(waitUntil([&] { return capture.isAudioUse(); })) << "a numeric string serves";
+
+    link.receiver.command("deny 2");
+    ASSERT_TRUE(waitUntil([&] { return capture.listeningCount() == 0; }));
+    // No longer listening: a late allow or pause is not seen.
+    link.receiver.command("grant");
+    link.receiver.command("pause");
+    link.receiver.command(R"(send id_pc_mk_event {"type":1})");
+    LogRecorder log;
+    ASSERT_TRUE(link.receiver.waitForEvent("message_sent", [](const QJsonObject &e) { return e.value("id") == "id_pc_mk_event"; }));
+    // The pointer event was the last one sent; let the control channel take in what came.
+    velocast::test::spinFor(300ms);
+    EXPECT_FALSE(capture.isPause());
+    EXPECT_FALSE(capture.isPutting());
+    EXPECT_FALSE(log.lines().join('\n').contains("mouseEventWithType"));
+}
+
+TEST(MacScreenCapture, EveryStopRequestPutsADisconnectOnTheWire)
+{
+    Link link;
+    REQUIRE_LINK(link);
+    MacScreenCapture capture(noBackend);
+    int n = 0;
+    // Nothing is casting; each of the four still sends the disconnect.
+    capture.stopPut();
+    ASSERT_TRUE(link.receivedCount("id_permission_disconnect", ++n));
+    for (const char *name : {notice::NOTICE_STOPSCREENCAPTURE, notice::NOTICE_BEDISCONNECT, notice::NOTICE_DISCONNECT}) {
+        NotificationCenter::defaultCenter().post(name);
+        ASSERT_TRUE(link.receivedCount("id_permission_disconnect", ++n)) << name;
+    }
+    for (const QJsonObject &e : link.receiver.received("id_permission_disconnect")) EXPECT_TRUE(isScreenType(e));
+    EXPECT_EQ(link.receiver.received("id_permission_request").size(), 0);
+}
+
+TEST(MacScreenCapture, ReceiverDisconnectOfTheScreenTypeOnlyEndsTheRequest)
+{
+    Link link({"--permission", "manual"});
+    REQUIRE_LINK(link);
+    MacScreenCapture capture(noBackend);
+    BeStopCounter stops;
+    capture.startPut();
+    ASSERT_TRUE(link.receivedCount("id_permission_request", 1));
+    link.receiver.command("stop 1");
+    link.receiver.command(R"(send id_permission_disconnect {"type":3})");
+    link.receiver.command("send id_unknown_thing {}");
+    link.receiver.command("pause"); // a marker that the ignored ones went by
+    ASSERT_TRUE(waitUntil([&] { return capture.isPause(); }));
+    EXPECT_EQ(stops.count, 0);
+    EXPECT_EQ(capture.listeningCount(), 1);
+
+    link.receiver.command(R"(send id_permission_disconnect {"type":"2"})");
+    ASSERT_TRUE(waitUntil([&] { return stops.count == 1; }));
+    EXPECT_EQ(capture.listeningCount(), 0);
+    // A pause the receiver set outlives the request.
+    EXPECT_TRUE(capture.isPause());
+}
+
+TEST(MacScreenCapture, TwoStartsWithoutAStopHandleEachMessageTwice)
+{
+    Link link({"--permission", "manual"});
+    REQUIRE_LINK(link);
+    MacScreenCapture capture(noBackend);
+    capture.startPut();
+    capture.startPut();
+    ASSERT_TRUE(link.receivedCount("id_permission_request", 2));
+    EXPECT_EQ(capture.listeningCount(), 2);
+    LogRecorder log;
+    link.receiver.command("mouse 1 10 20 1920 1080 0 0");
+    const QString line = "mouseEventWithType: type 1 x 10 y 20 width 1920 height 1080 wheel_x 0 wheel_y 0 (not injected)";
+    ASSERT_TRUE(waitUntil([&] { return log.lines().count(line) == 2; })) << log.lines().join('\n').toStdString();
+    // Lenient values: strings, booleans and missing keys.
+    link.receiver.command(R"(send id_pc_mk_event {"type":"9","x":true,"wheel_y":"-3"})");
+    const QString lenient = "mouseEventWithType: type 9 x 1 y 0 width 0 height 0 wheel_x 0 wheel_y -3 (not injected)";
+    ASSERT_TRUE(waitUntil([&] { return log.lines().count(lenient) == 2; })) << log.lines().join('\n').toStdString();
+    capture.listenMsg(false);
+    EXPECT_EQ(capture.listeningCount(), 0);
+}
+
+// --- Real capture ---------------------------------------------------------------------------
+
+struct CastRig {
+    CastRig() : link({"--output-dir", out = velocast::test::freshTempDir(), "--log-frames"})
+    {
+        capture.setIpStr("127.0.0.1");
+        capture.setVPort(link.receiver.mediaPort());
+        capture.setAPort(link.receiver.mediaPort());
+    }
+    QString out;
+    Link link;
+    MacScreenCapture capture;
+};
+
+#define REQUIRE_DISPLAY()                                                                                                   \
+    if (!std::getenv("DISPLAY")) GTEST_SKIP() << "no X display (DISPLAY is not set; scripts/test.sh starts Xvfb)"
+
+TEST(MacScreenCaptureCast, WithoutAnXDisplayTheCastDoesNotStart)
+{
+    const char *display = std::getenv("DISPLAY");
+    const QByteArray saved = display ? QByteArray(display) : QByteArray();
+    unsetenv("DISPLAY");
+    LogRecorder log;
+    MacScreenCapture capture;
+    capture.startPutFuction();
+    if (!saved.isNull()) setenv("DISPLAY", saved.constData(), 1);
+    EXPECT_FALSE(capture.isPutting());
+    EXPECT_EQ(capture.cameraEncoder(), nullptr);
+    EXPECT_TRUE(log.lines().join('\n').contains("cannot capture the screen: no X display")) << log.lines().join('\n').toStdString();
+}
+
+TEST(MacScreenCaptureCast, AllowedCastReachesTheReceiverAndFollowsItsCommands)
+{
+    REQUIRE_DISPLAY();
+    if (!std::getenv("PULSE_SERVER")) GTEST_SKIP() << "no PulseAudio server (PULSE_SERVER is not set; scripts/test.sh starts one)";
+    CastRig rig;
+    REQUIRE_LINK(rig.link);
+    ReferenceReceiver &receiver = rig.link.receiver;
+    MacScreenCapture &capture = rig.capture;
+    const auto videoFrames = [&] { return int(receiver.count("video_frame")); };
+    const auto audioFrames = [&] { return int(receiver.count("audio_frame")); };
+
+    capture.startPut();
+    ASSERT_TRUE(waitUntil([&] { return capture.isPutting(); }, 20s));
+    ASSERT_TRUE(receiver.waitForEvent("media_connected"));
+    EXPECT_TRUE(capture.hasAudioInput());
+    EXPECT_NE(capture.screenSize().width(), 0);
+    ASSERT_TRUE(waitUntil([&] { return videoFrames() >= 30; }, 20s)) << videoFrames();
+    EXPECT_FALSE(capture.isAudioUse()) << "a cast starts with audio off";
+    EXPECT_EQ(capture.sampleCounts().audioForwarded, 0u);
+    EXPECT_GT(capture.sampleCounts().audioCaptured, 0u);
+
+    receiver.command("audio on");
+    ASSERT_TRUE(waitUntil([&] { return audioFrames() >= 20; }, 20s)) << audioFrames();
+
+    // Paused: samples keep coming in from capture and none goes on to the encoder.
+    receiver.command("pause");
+    ASSERT_TRUE(waitUntil([&] { return capture.isPause(); }));
+    const auto paused = capture.sampleCounts();
+    ASSERT_TRUE(waitUntil([&] {
+        const auto now = capture.sampleCounts();
+        return now.videoCaptured >= paused.videoCaptured + 10 && now.audioCaptured >= paused.audioCaptured + 10;
+    }, 20s));
+    EXPECT_EQ(capture.sampleCounts().videoForwarded, paused.videoForwarded);
+    EXPECT_EQ(capture.sampleCounts().audioForwarded, paused.audioForwarded);
+    receiver.command("resume");
+    const int beforeResume = videoFrames();
+    ASSERT_TRUE(waitUntil([&] { return videoFrames() >= beforeResume + 10; }, 20s));
+
+    // Split screen, through the receiver's message.
+    const QSizeF full = capture.screenSize();
+    capture::H264HWEncoder *h264 = capture.cameraEncoder()->h264Encoder();
+    const auto even = [](double v) { return double(int64_t(v) & ~int64_t(1)); };
+    receiver.command("resize 7");
+    ASSERT_TRUE(waitUntil([&] { return h264->bitrate() == 1333333; }));
+    EXPECT_EQ(h264->outputSize().width, even(full.width() / 3));
+    EXPECT_EQ(h264->outputSize().height, even(full.height() / 3));
+    receiver.command("resize 1 1"); // another type: ignored
+    receiver.command("resize 2");
+    ASSERT_TRUE(waitUntil([&] { return h264->bitrate() == 2000000; }));
+    EXPECT_EQ(h264->outputSize().width, even(full.width() / 2));
+    const int beforeSmall = videoFrames();
+    ASSERT_TRUE(waitUntil([&] { return videoFrames() >= beforeSmall + 10; }, 20s)) << "the smaller picture goes out";
+
+    // The receiver ends the cast.
+    BeStopCounter stops;
+    receiver.command("stop");
+    ASSERT_TRUE(waitUntil([&] { return stops.count == 1 && !capture.isPutting(); }));
+    EXPECT_FALSE(capture.isAudioUse());
+    EXPECT_EQ(capture.listeningCount(), 0);
+    ASSERT_TRUE(receiver.waitForEvent("media_closed"));
+
+    receiver.command("quit");
+    ASSERT_TRUE(receiver.waitForEvent("media_report", {}, 20s));
+    const QJsonObject report = receiver.events("media_report").last();
+    EXPECT_EQ(report.value("violation_count").toInt(), 0) << QJsonDocument(report).toJson().constData();
+    const QJsonObject video = report.value("video").toArray().first().toObject();
+    EXPECT_GE(video.value("frames").toInt(), 50);
+    EXPECT_GE(video.value("key_frames").toInt(), 2);
+    EXPECT_GE(report.value("audio").toObject().value("frames").toInt(), 20);
+    std::cout << "receiver report: " << QJsonDocument(report).toJson(QJsonDocument::Compact).constData() << std::endl;
+
+    if (velocast::test::haveFfprobe()) {
+        const QJsonObject vs = velocast::test::ffprobeStream(QDir(rig.out).filePath("video.h264"), "codec_name,profile,width,height");
+        EXPECT_EQ(vs.value("codec_name").toString(), "h264") << QJsonDocument(vs).toJson().constData();
+        EXPECT_EQ(vs.value("profile").toString(), "Constrained Baseline");
+        EXPECT_EQ(vs.value("width").toInt(), int(full.width())) << "the first picture is the whole main display";
+        EXPECT_EQ(vs.value("height").toInt(), int(full.height()));
+        const QJsonObject as = velocast::test::ffprobeStream(QDir(rig.out).filePath("audio.aac"), "codec_name,sample_rate,channels");
+        EXPECT_EQ(as.value("codec_name").toString(), "aac") << QJsonDocument(as).toJson().constData();
+        EXPECT_EQ(as.value("sample_rate").toString(), "44100");
+        EXPECT_EQ(as.value("channels").toInt(), 2);
+    }
+}
+
+TEST(MacScreenCaptureCast, AppStopThenANewCastBuildsAFreshCaptureWithAudioOff)
+{
+    REQUIRE_DISPLAY();
+    CastRig rig;
+    REQUIRE_LINK(rig.link);
+    MacScreenCapture &capture = rig.capture;
+    capture.startPut();
+    ASSERT_TRUE(waitUntil([&] { return capture.isPutting(); }, 20s));
+    ASSERT_TRUE(rig.link.receiver.waitForEvent("video_frame", {}, 20s));
+    capture.audioEnable(true);
+    push::CameraEncoder *first = capture.cameraEncoder();
+
+    NotificationCenter::defaultCenter().post(notice::NOTICE_STOPSCREENCAPTURE);
+    EXPECT_FALSE(capture.isAudioUse()) << "cleared at once";
+    ASSERT_TRUE(waitUntil([&] { return !capture.isPutting(); }));
+    EXPECT_TRUE(isScreenType(rig.link.receiver.received("id_permission_disconnect").value(0)));
+    EXPECT_FALSE(first->isRunning());
+    ASSERT_TRUE(rig.link.receiver.waitForEvent("media_closed"));
+
+    capture.startPut();
+    ASSERT_TRUE(waitUntil([&] { return capture.isPutting(); }, 20s));
+    EXPECT_NE(capture.cameraEncoder(), first) << "each cast builds its own bridge";
+    EXPECT_FALSE(capture.isAudioUse());
+    ASSERT_TRUE(waitUntil([&] { return rig.link.receiver.count("media_connected") == 2; }, 20s));
+    const int before = rig.link.receiver.count("video_frame");
+    ASSERT_TRUE(waitUntil([&] { return rig.link.receiver.count("video_frame") >= before + 5; }, 20s));
+    capture.stopPut();
+    ASSERT_TRUE(waitUntil([&] { return !capture.isPutting(); }));
+}
+
+} // namespace
