@@ -8,75 +8,70 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 
 namespace velocast::push::test {
 
 namespace {
 
-sockaddr_in loopbackAddress(uint16_t port)
+Socket bindLoopback(int type, uint16_t port, uint16_t *boundPort)
 {
+    Socket sock(::socket(AF_INET, type | SOCK_CLOEXEC, 0));
     sockaddr_in address {};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
-uint16_t boundPort(int fd)
-{
-    sockaddr_in address {};
     socklen_t length = sizeof address;
-    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
-    return ntohs(address.sin_port);
+    if (::bind(sock.fd(), reinterpret_cast<const sockaddr *>(&address), length) != 0
+        || getsockname(sock.fd(), reinterpret_cast<sockaddr *>(&address), &length) != 0)
+        return Socket();
+    *boundPort = ntohs(address.sin_port);
+    return sock;
 }
 
-int remainingMs(std::chrono::steady_clock::time_point deadline)
+bool waitReadable(int fd, int timeoutMs)
 {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    return left.count() > 0 ? int(left.count()) : 0;
+    pollfd entry {fd, POLLIN, 0};
+    return ::poll(&entry, 1, timeoutMs) == 1;
 }
 
 } // namespace
 
-TcpListener::TcpListener(int backlog, int receiveBuffer, uint16_t port)
+TcpListener::TcpListener(int backlog, int receiveBuffer)
 {
-    Socket sock(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    socket_ = bindLoopback(SOCK_STREAM, 0, &port_);
     if (receiveBuffer > 0)
-        setsockopt(sock.fd(), SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
-    const sockaddr_in address = loopbackAddress(port);
-    if (::bind(sock.fd(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0
-        || ::listen(sock.fd(), backlog) != 0)
-        return;
-    port_ = boundPort(sock.fd());
-    socket_ = std::move(sock);
+        setsockopt(socket_.fd(), SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+    ::listen(socket_.fd(), backlog);
 }
 
-Socket TcpListener::accept(int timeoutMs)
+Socket TcpListener::accept()
 {
-    pollfd entry {socket_.fd(), POLLIN, 0};
-    if (::poll(&entry, 1, timeoutMs) != 1)
+    if (!waitReadable(socket_.fd(), kWaitMs))
         return Socket();
     return Socket(::accept4(socket_.fd(), nullptr, nullptr, SOCK_CLOEXEC));
 }
 
-RefusingPort::RefusingPort()
+RefusingPort::RefusingPort() { socket = bindLoopback(SOCK_STREAM, 0, &port); }
+
+UdpReceiver::UdpReceiver(uint16_t port) { socket_ = bindLoopback(SOCK_DGRAM, port, &port_); }
+
+std::optional<std::vector<uint8_t>> UdpReceiver::receive()
 {
-    socket = Socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const sockaddr_in address = loopbackAddress(0);
-    ::bind(socket.fd(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
-    port = boundPort(socket.fd());
+    std::vector<uint8_t> datagram(65'536);
+    const ssize_t n = waitReadable(socket_.fd(), kWaitMs) ? ::recv(socket_.fd(), datagram.data(), datagram.size(), 0) : -1;
+    if (n < 0)
+        return std::nullopt;
+    datagram.resize(size_t(n));
+    return datagram;
 }
 
 bool readExact(int fd, uint8_t *out, size_t size, int timeoutMs)
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    size_t done = 0;
-    while (done < size) {
-        pollfd entry {fd, POLLIN, 0};
-        const int ready = ::poll(&entry, 1, remainingMs(deadline));
-        if (ready < 0 && errno == EINTR)
-            continue;
-        if (ready != 1)
+    for (size_t done = 0; done < size;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0 || !waitReadable(fd, int(left.count())))
             return false;
         const ssize_t n = ::recv(fd, out + done, size - done, 0);
         if (n <= 0)
@@ -86,47 +81,16 @@ bool readExact(int fd, uint8_t *out, size_t size, int timeoutMs)
     return true;
 }
 
-std::optional<Record> readRecord(int fd, int timeoutMs)
+std::optional<Record> readRecord(int fd)
 {
-    Record record;
-    record.header.resize(wire::kRecordHeaderSize);
-    if (!readExact(fd, record.header.data(), record.header.size(), timeoutMs))
+    Record record {std::vector<uint8_t>(wire::kRecordHeaderSize), {}, {}};
+    if (!readExact(fd, record.header.data(), record.header.size()))
         return std::nullopt;
-    if (!wire::readVideoRecordHeader(record.header.data(), &record.fields))
-        record.fields.payloadLength = wire::le32(record.header.data() + 4); // "1CAA" and others
-    if (record.fields.payloadLength > 64u * 1024 * 1024)
-        return std::nullopt;
-    record.payload.resize(record.fields.payloadLength);
-    if (!readExact(fd, record.payload.data(), record.payload.size(), timeoutMs))
+    wire::readVideoRecordHeader(record.header.data(), &record.fields);
+    record.payload.resize(wire::le32(record.header.data() + 4)); // also for "1CAA"
+    if (!readExact(fd, record.payload.data(), record.payload.size()))
         return std::nullopt;
     return record;
-}
-
-UdpReceiver::UdpReceiver(uint16_t port, bool reuse)
-{
-    Socket sock(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (reuse) {
-        int on = 1;
-        setsockopt(sock.fd(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    }
-    const sockaddr_in address = loopbackAddress(port);
-    if (::bind(sock.fd(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
-        return;
-    port_ = boundPort(sock.fd());
-    socket_ = std::move(sock);
-}
-
-std::optional<std::vector<uint8_t>> UdpReceiver::receive(int timeoutMs)
-{
-    pollfd entry {socket_.fd(), POLLIN, 0};
-    if (::poll(&entry, 1, timeoutMs) != 1)
-        return std::nullopt;
-    std::vector<uint8_t> datagram(65'536);
-    const ssize_t n = ::recv(socket_.fd(), datagram.data(), datagram.size(), 0);
-    if (n < 0)
-        return std::nullopt;
-    datagram.resize(size_t(n));
-    return datagram;
 }
 
 int32_t EventLog::OnEvent(int32_t event)
@@ -145,29 +109,21 @@ std::vector<int32_t> EventLog::events() const
     return events_;
 }
 
-bool EventLog::waitFor(const std::function<bool(const std::vector<int32_t> &)> &condition, int timeoutMs)
-{
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return condition(events_); });
-}
-
 bool EventLog::waitForCount(int32_t event, size_t count, int timeoutMs)
 {
-    return waitFor(
-        [&](const std::vector<int32_t> &events) {
-            return size_t(std::count(events.begin(), events.end(), event)) >= count;
-        },
-        timeoutMs);
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                             [&] { return size_t(std::count(events_.begin(), events_.end(), event)) >= count; });
 }
 
 std::vector<uint8_t> makeFrame(uint8_t nalType, size_t size, uint32_t id)
 {
     std::vector<uint8_t> frame(size);
-    const uint8_t prefix[5] = {0x00, 0x00, 0x00, 0x01, uint8_t(0x60 | (nalType & 0x1F))};
-    for (size_t i = 0; i < size; ++i)
-        frame[i] = i < 5 ? prefix[i] : uint8_t(i * 7 + id);
-    if (size >= 9)
-        wire::putLe32(frame.data() + 5, id);
+    for (size_t i = 5; i < size; ++i)
+        frame[i] = uint8_t(i * 7 + id);
+    const uint8_t prefix[9] = {0x00, 0x00, 0x00, 0x01, uint8_t(0x60 | (nalType & 0x1F)), uint8_t(id), uint8_t(id >> 8),
+                               uint8_t(id >> 16), uint8_t(id >> 24)};
+    std::copy_n(prefix, std::min(size, sizeof prefix), frame.begin());
     return frame;
 }
 

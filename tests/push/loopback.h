@@ -1,32 +1,28 @@
-// Loopback peers for the push engine's tests: a TCP listener and reader, a UDP receiver,
-// an event recorder, and builders for Annex-B frames. Everything stays on 127.0.0.1.
+// Loopback peers for the push engine's tests and benchmarks: a TCP listener and reader, a
+// UDP receiver, an event recorder, and Annex-B frames. Everything stays on 127.0.0.1.
 #pragma once
 
 #include "push/media_wire_format.h"
 #include "push/net_client.h"
 #include "push/socket.h"
 
-#include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <functional>
 #include <mutex>
 #include <optional>
 #include <vector>
 
 namespace velocast::push::test {
 
-// Safety net for every wait in the tests; a healthy run never comes near it.
+// Safety net for every wait; a healthy run never comes near it.
 inline constexpr int kWaitMs = 10'000;
 
 class TcpListener {
 public:
     // receiveBuffer > 0 sets SO_RCVBUF before listen, so accepted sockets inherit it.
-    explicit TcpListener(int backlog = 16, int receiveBuffer = 0, uint16_t port = 0);
-    bool isValid() const { return socket_.isValid(); }
+    explicit TcpListener(int backlog = 16, int receiveBuffer = 0);
     uint16_t port() const { return port_; }
-    // An invalid Socket when nothing arrives in time.
-    Socket accept(int timeoutMs = kWaitMs);
+    Socket accept(); // invalid when nothing arrives in time
 
 private:
     Socket socket_;
@@ -40,7 +36,19 @@ struct RefusingPort {
     uint16_t port = 0;
 };
 
-// Reads exactly size bytes or gives up after timeoutMs in all.
+class UdpReceiver {
+public:
+    explicit UdpReceiver(uint16_t port = 0); // 0 picks one
+    bool isValid() const { return socket_.isValid(); }
+    uint16_t port() const { return port_; }
+    std::optional<std::vector<uint8_t>> receive();
+
+private:
+    Socket socket_;
+    uint16_t port_ = 0;
+};
+
+// Reads exactly size bytes, or gives up after timeoutMs in all.
 bool readExact(int fd, uint8_t *out, size_t size, int timeoutMs = kWaitMs);
 
 struct Record {
@@ -48,27 +56,12 @@ struct Record {
     wire::VideoRecordHeader fields;
     std::vector<uint8_t> payload;
 };
-std::optional<Record> readRecord(int fd, int timeoutMs = kWaitMs);
+std::optional<Record> readRecord(int fd);
 
-class UdpReceiver {
-public:
-    // port 0 picks one. reuse sets SO_REUSEADDR first.
-    explicit UdpReceiver(uint16_t port = 0, bool reuse = false);
-    bool isValid() const { return socket_.isValid(); }
-    uint16_t port() const { return port_; }
-    std::optional<std::vector<uint8_t>> receive(int timeoutMs = kWaitMs);
-
-private:
-    Socket socket_;
-    uint16_t port_ = 0;
-};
-
-// Records connection events and lets a test wait for a condition on them.
 class EventLog final : public INetClientCallBack {
 public:
     int32_t OnEvent(int32_t event) override;
     std::vector<int32_t> events() const;
-    bool waitFor(const std::function<bool(const std::vector<int32_t> &)> &condition, int timeoutMs = kWaitMs);
     bool waitForCount(int32_t event, size_t count, int timeoutMs = kWaitMs);
 
 private:
@@ -77,13 +70,11 @@ private:
     std::vector<int32_t> events_;
 };
 
-// An Annex-B access unit: start code 00 00 00 01, a NAL header of nalType, then a filler
-// that starts with the 32-bit little-endian id, so a test can tell frames apart.
+// An Annex-B access unit: start code, a NAL header of nalType, the 32-bit id (so a test
+// can tell frames apart), then filler.
 std::vector<uint8_t> makeFrame(uint8_t nalType, size_t size, uint32_t id = 0);
-// The id written by makeFrame (0 when the frame is too short to carry one).
 uint32_t frameId(const std::vector<uint8_t> &frame);
 
-// Number of open descriptors of this process.
 int openDescriptorCount();
 
 } // namespace velocast::push::test

@@ -13,57 +13,37 @@
 namespace velocast::push {
 namespace {
 
-// A record as the TCP client builds it: the 24-byte header stating payloadLength, then the
-// payload: start code, then a NAL header of nalType.
+constexpr uint8_t kSlice = 1, kIdr = 5, kSei = 6, kSps = 7, kPps = 8;
+
+// A record as the TCP client builds it: the 24-byte header stating payloadLength, then
+// heldPayload bytes of payload (start code, then a NAL header of nalType).
 void fillRecord(CQueBuf &buf, uint32_t payloadLength, uint8_t nalType, size_t heldPayload = SIZE_MAX)
 {
     const size_t held = std::min<size_t>(heldPayload, payloadLength);
     ASSERT_GE(buf.Alloc(int32_t(wire::kRecordHeaderSize + held)), 0);
-    uint8_t *out = buf.Data();
-    wire::writeVideoRecordHeader(out, {payloadLength, 0, 0, 0});
+    wire::writeVideoRecordHeader(buf.Data(), {payloadLength, 0, 0, 0});
     const uint8_t prefix[5] = {0, 0, 0, 1, uint8_t(0x60 | nalType)};
-    for (size_t i = 0; i < held; ++i)
-        out[wire::kRecordHeaderSize + i] = i < 5 ? prefix[i] : uint8_t(i);
+    std::memcpy(buf.Data() + wire::kRecordHeaderSize, prefix, std::min<size_t>(held, 5));
     buf.SetLength(int32_t(wire::kRecordHeaderSize + held));
 }
-
-constexpr int32_t kWaitForever = INT32_MAX;
-constexpr uint8_t kSlice = 1, kIdr = 5, kSei = 6, kSps = 7, kPps = 8;
 
 TEST(CQueBufTest, AllocGrowsKeepsOrRefuses)
 {
     CQueBuf buf;
     EXPECT_EQ(buf.Alloc(0), -1);
-    EXPECT_EQ(buf.Alloc(-5), -1);
-    EXPECT_EQ(buf.Capacity(), 0);
-
     EXPECT_EQ(buf.Alloc(100), 0);
-    EXPECT_EQ(buf.Capacity(), 100);
-    EXPECT_EQ(buf.Length(), 0);
-    std::memset(buf.Data(), 0xAB, 100);
     buf.SetLength(50);
-
     EXPECT_EQ(buf.Alloc(100), 1) << "equal size fits";
     EXPECT_EQ(buf.Alloc(60), 1) << "never shrinks";
     EXPECT_EQ(buf.Length(), 50);
-    EXPECT_EQ(buf.Data()[99], 0xAB);
-
     EXPECT_EQ(buf.Alloc(101), 0);
     EXPECT_EQ(buf.Capacity(), 101);
     EXPECT_EQ(buf.Length(), 0) << "content is not carried across a growth";
 
-    buf.SetLength(1'000);
-    EXPECT_EQ(buf.Length(), 101) << "length never exceeds the capacity";
-}
-
-TEST(CQueBufTest, AlignedDataStaysInsideTheAllocation)
-{
-    for (int32_t alignment : {1, 16, 64, 4096}) {
-        CQueBuf buf(alignment);
-        ASSERT_EQ(buf.Alloc(33), 0);
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(buf.Data()) % uintptr_t(alignment), 0u) << alignment;
-        std::memset(buf.Data(), 1, 33); // out of bounds would show under ASan
-    }
+    CQueBuf aligned(4096);
+    ASSERT_EQ(aligned.Alloc(33), 0);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(aligned.Data()) % 4096, 0u);
+    std::memset(aligned.Data(), 1, 33); // past the allocation would show under ASan
 }
 
 struct DiscardCase {
@@ -85,32 +65,21 @@ TEST_P(DiscardableRecordTest, Classifies)
 
 INSTANTIATE_TEST_SUITE_P(Table, DiscardableRecordTest,
                          ::testing::Values(DiscardCase {16, kIdr, SIZE_MAX, true}, // too short to be looked at
-                                           DiscardCase {16, kSps, SIZE_MAX, true},
                                            DiscardCase {17, kIdr, SIZE_MAX, false},
                                            DiscardCase {17, kSps, SIZE_MAX, false},
                                            DiscardCase {17, kPps, SIZE_MAX, false},
                                            DiscardCase {17, kSlice, SIZE_MAX, true},
                                            DiscardCase {5000, kSei, SIZE_MAX, true}, // SEI is no key
-                                           DiscardCase {5000, 0, SIZE_MAX, true},
-                                           // header claims a key frame the buffer does not hold
+                                           // a header claiming a key frame the buffer does not hold
                                            DiscardCase {5000, kIdr, 4, true}));
 
-TEST(DiscardableRecord, BufferShorterThanAHeaderIsDiscardable)
-{
-    CQueBuf buf;
-    ASSERT_EQ(buf.Alloc(10), 0);
-    std::memset(buf.Data(), 0xFF, 10);
-    buf.SetLength(10);
-    EXPECT_TRUE(IsDiscardableRecord(buf));
-}
-
-// A pool with its buffers, the way the TCP client holds them.
-struct PoolFixture : ::testing::Test {
+// A pool with buffers owned by the fixture, as the TCP client owns its own.
+struct CQueBufPoolTest : ::testing::Test {
     void SetUp() override { ASSERT_TRUE(pool.Init(35)); }
-    CQueBuf *make(uint8_t nalType, uint32_t payloadLength = 100)
+    CQueBuf *make(uint8_t nalType)
     {
         buffers.push_back(std::make_unique<CQueBuf>());
-        fillRecord(*buffers.back(), payloadLength, nalType);
+        fillRecord(*buffers.back(), 100, nalType);
         return buffers.back().get();
     }
     void queue(int count, uint8_t nalType)
@@ -122,120 +91,80 @@ struct PoolFixture : ::testing::Test {
     CQueBufPool pool;
 };
 
-TEST_F(PoolFixture, PurgeKeepsNineAndDropsOnlyFromTheHead)
+TEST_F(CQueBufPoolTest, PurgeKeepsNineAndDropsOnlyFromTheHead)
 {
     queue(9, kSlice);
     EXPECT_EQ(pool.Purge(IsDiscardableRecord), 0) << "nine is the floor";
-    EXPECT_EQ(pool.PendingCount(), 9);
-    EXPECT_EQ(pool.FreeCount(), 0);
-
     queue(3, kSlice);
     EXPECT_EQ(pool.Purge(IsDiscardableRecord), 3);
     EXPECT_EQ(pool.PendingCount(), 9);
     EXPECT_EQ(pool.FreeCount(), 3);
-    // The survivors are the newest nine, still in order.
-    for (size_t i = 3; i < 12; ++i)
-        EXPECT_EQ(pool.PopPending(0), buffers[i].get());
-}
+    EXPECT_EQ(pool.PopPending(0), buffers[3].get()) << "the oldest went";
 
-TEST_F(PoolFixture, PurgeStopsAtTheFirstKeyRecord)
-{
-    queue(2, kSlice);
     CQueBuf *key = make(kSps);
     pool.PutPending(key);
     queue(10, kSlice);
-    EXPECT_EQ(pool.Purge(IsDiscardableRecord), 2);
-    EXPECT_EQ(pool.PendingCount(), 11);
+    EXPECT_EQ(pool.Purge(IsDiscardableRecord), 8) << "it stops at the key record, though 11 remain";
     EXPECT_EQ(pool.PopPending(0), key);
 }
 
-TEST_F(PoolFixture, PurgeMovesShortKeyRecordsToo)
+TEST_F(CQueBufPoolTest, TakeOldestOnlyWhenTheHeadIsDiscardable)
 {
-    // 16-byte payloads are discardable whatever their NAL type.
-    for (int i = 0; i < 11; ++i)
-        pool.PutPending(make(kIdr, 16));
-    EXPECT_EQ(pool.Purge(IsDiscardableRecord), 2);
-}
-
-TEST_F(PoolFixture, TakeOldestOnlyWhenTheHeadIsDiscardable)
-{
+    EXPECT_EQ(pool.GetFree(0), nullptr) << "empty, no wait";
+    EXPECT_EQ(pool.TakeOldestIfDiscardable(0, IsDiscardableRecord), nullptr);
     CQueBuf *key = make(kIdr);
     pool.PutPending(key);
     queue(3, kSlice);
     EXPECT_EQ(pool.TakeOldestIfDiscardable(0, IsDiscardableRecord), nullptr);
     EXPECT_EQ(pool.PendingCount(), 4) << "a key head stays where it is";
-
     EXPECT_EQ(pool.PopPending(0), key);
-    EXPECT_EQ(pool.TakeOldestIfDiscardable(0, IsDiscardableRecord), buffers[1].get()) << "the oldest one";
-    EXPECT_EQ(pool.PendingCount(), 2);
+    EXPECT_EQ(pool.TakeOldestIfDiscardable(0, IsDiscardableRecord), buffers[1].get());
 }
 
-TEST_F(PoolFixture, EmptyListsGiveUpAtOnceWithZeroTimeout)
-{
-    EXPECT_EQ(pool.GetFree(0), nullptr);
-    EXPECT_EQ(pool.PopPending(0), nullptr);
-    EXPECT_EQ(pool.TakeOldestIfDiscardable(0, IsDiscardableRecord), nullptr);
-    EXPECT_EQ(pool.GetFree(20), nullptr) << "a timed wait gives up too";
-}
-
-TEST_F(PoolFixture, OwnersRecordOnlyUpToTheirCapacity)
+TEST_F(CQueBufPoolTest, OwnersRecordOnlyUpToTheirCapacity)
 {
     CQueBufPool small;
     ASSERT_TRUE(small.Init(2));
-    EXPECT_FALSE(small.Init(5)) << "second Init changes nothing";
+    EXPECT_FALSE(small.Init(5)) << "a second Init changes nothing";
     CQueBuf *a = make(kSlice), *b = make(kSlice), *c = make(kSlice);
-    small.PutFree(a);
-    small.PutFree(b);
-    small.PutFree(c);
-    small.PutFree(small.GetFree(0)); // a again: circulates, not recorded twice
+    for (CQueBuf *buf : {a, b, c})
+        small.PutFree(buf);
+    small.PutFree(small.GetFree(0)); // a again: not recorded twice
     EXPECT_EQ(small.Owners(), (std::vector<CQueBuf *> {a, b}));
     EXPECT_EQ(small.GetFree(0), b);
-    EXPECT_EQ(small.GetFree(0), c) << "the unrecorded buffer circulates all the same";
-    EXPECT_EQ(small.GetFree(0), a);
-
-    small.Destroy();
-    EXPECT_TRUE(small.Owners().empty());
-    EXPECT_TRUE(small.Init(2)) << "Init works again after Destroy";
+    EXPECT_EQ(small.GetFree(0), c) << "an unrecorded buffer circulates all the same";
 }
 
-TEST_F(PoolFixture, RetiredBuffersNeverComeBack)
+TEST_F(CQueBufPoolTest, RetiredBuffersNeverComeBack)
 {
     CQueBuf *listed = make(kSlice), *held = make(kSlice);
-    pool.PutFree(listed);
     pool.PutFree(held);
-    ASSERT_EQ(pool.GetFree(0), listed);
     pool.PutFree(listed);
-    CQueBuf *taken = pool.GetFree(0);
-    ASSERT_EQ(taken, held);
-
-    EXPECT_TRUE(pool.Retire(listed)) << "was on the free list: free to destroy";
+    ASSERT_EQ(pool.GetFree(0), held);
+    EXPECT_TRUE(pool.Retire(listed)) << "was listed: free to destroy";
     EXPECT_FALSE(pool.Retire(held)) << "a thread holds it";
-    EXPECT_EQ(pool.FreeCount(), 0);
     EXPECT_TRUE(pool.Owners().empty());
-
     pool.PutPending(held); // the holder hands it back: ignored
-    EXPECT_EQ(pool.PendingCount(), 0);
-    EXPECT_EQ(pool.PopPending(0), nullptr);
+    EXPECT_EQ(pool.PendingCount() + pool.FreeCount(), 0);
 }
 
-TEST_F(PoolFixture, WaitersWakeOnPutAndOnStop)
+TEST_F(CQueBufPoolTest, WaitersWakeOnPutAndOnStop)
 {
+    constexpr int32_t kForever = INT32_MAX;
     CQueBuf *buf = make(kSlice);
-    auto waiter = std::async(std::launch::async, [&] { return pool.PopPending(kWaitForever); });
+    auto waiter = std::async(std::launch::async, [&] { return pool.PopPending(kForever); });
     pool.PutPending(buf);
     ASSERT_EQ(waiter.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     EXPECT_EQ(waiter.get(), buf);
 
-    auto stopped = std::async(std::launch::async, [&] { return pool.GetFree(kWaitForever); });
+    auto stopped = std::async(std::launch::async, [&] { return pool.GetFree(kForever); });
     pool.Stop();
     ASSERT_EQ(stopped.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     EXPECT_EQ(stopped.get(), nullptr);
-    pool.PutFree(buf);
-    EXPECT_EQ(pool.GetFree(0), nullptr) << "a stopped pool hands nothing out";
 }
 
 // Producer and consumer threads pass records through the pool as the TCP client does; the
-// consumer must see every record, in order, intact.
+// consumer must see every record, in order and intact.
 TEST(CQueBufPoolStress, ProducerAndConsumerKeepOrderAndBuffers)
 {
     constexpr int kBuffers = 6;
@@ -245,31 +174,25 @@ TEST(CQueBufPoolStress, ProducerAndConsumerKeepOrderAndBuffers)
     std::vector<std::unique_ptr<CQueBuf>> owned;
     for (int i = 0; i < kBuffers; ++i) {
         owned.push_back(std::make_unique<CQueBuf>());
-        owned.back()->Alloc(64);
+        owned.back()->Alloc(8);
         pool.PutFree(owned.back().get());
     }
-
     std::atomic<uint32_t> mismatches {0};
     std::jthread consumer([&] {
         for (uint32_t expected = 0; expected < kRecords;) {
-            CQueBuf *buf = pool.PopPending(10);
-            if (!buf)
-                continue;
-            if (buf->Length() != 8 || wire::le32(buf->Data()) != expected || wire::le32(buf->Data() + 4) != ~expected)
-                mismatches.fetch_add(1);
-            ++expected;
-            pool.PutFree(buf);
+            if (CQueBuf *buf = pool.PopPending(10)) {
+                mismatches += wire::le32(buf->Data()) != expected || wire::le32(buf->Data() + 4) != ~expected;
+                ++expected;
+                pool.PutFree(buf);
+            }
         }
     });
     for (uint32_t i = 0; i < kRecords;) {
-        CQueBuf *buf = pool.GetFree(10);
-        if (!buf)
-            continue;
-        wire::putLe32(buf->Data(), i);
-        wire::putLe32(buf->Data() + 4, ~i);
-        buf->SetLength(8);
-        pool.PutPending(buf);
-        ++i;
+        if (CQueBuf *buf = pool.GetFree(10)) {
+            wire::putLe32(buf->Data(), i);
+            wire::putLe32(buf->Data() + 4, ~i++);
+            pool.PutPending(buf);
+        }
     }
     consumer.join();
     EXPECT_EQ(mismatches.load(), 0u);
