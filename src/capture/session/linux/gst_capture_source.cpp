@@ -112,7 +112,8 @@ GstBusSyncReply GstCaptureSource::onBusMessage(GstBus *, GstMessage *message, gp
     if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
         auto *that = static_cast<GstCaptureSource *>(self);
         const QString text = QString::fromStdString(describeError(message));
-        logLine(lcCapture(), QStringLiteral("%1: capture error: %2").arg(QString::fromStdString(that->label_), text));
+        // Before the start the caller reports the failure itself.
+        if (that->running_.load()) logLine(lcCapture(), QStringLiteral("%1: capture error: %2").arg(QString::fromStdString(that->label_), text));
         std::lock_guard lock(that->errorMutex_);
         if (that->error_.isEmpty()) that->error_ = text;
     }

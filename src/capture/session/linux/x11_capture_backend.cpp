@@ -6,6 +6,7 @@
 #include "capture/session/capture_source.h"
 #include "capture/session/linux/gst_capture_source.h"
 #include "capture/session/linux/x11_main_display.h"
+#include "common/log.h"
 
 #include <gst/gst.h>
 
@@ -32,7 +33,13 @@ GstElement *parse(const QString &description, QString *error)
 
 class X11CaptureBackend final : public CaptureBackend {
 public:
-    std::optional<MainDisplay> mainDisplay(QString *why) override { return queryMainDisplay(QString(), why); }
+    std::optional<MainDisplay> mainDisplay(QString *why) override
+    {
+        // Under XWayland the X server sees only the X11 clients' windows, not the desktop.
+        if (qEnvironmentVariable("XDG_SESSION_TYPE") == QLatin1String("wayland"))
+            logLine(lcCapture(), QStringLiteral("this is a Wayland session: the X11 capture shows only X11 windows"));
+        return queryMainDisplay(QString(), why);
+    }
 
     std::unique_ptr<CaptureSource> makeScreenInput(const MainDisplay &display, CaptureSource::SampleHandler handler,
                                                    QString *error) override
