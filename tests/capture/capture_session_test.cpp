@@ -40,6 +40,8 @@ struct FitCase {
     double x, y, w, h;
 };
 
+void PrintTo(const FitCase &c, std::ostream *os) { *os << c.name; }
+
 class Fit : public ::testing::TestWithParam<FitCase> { };
 
 TEST_P(Fit, PlacesTheSourceInTheAim)
@@ -127,18 +129,18 @@ struct Link {
     {
         if (!ReferenceReceiver::available() || !receiver.start()) return;
         control.setControlPort(receiver.controlPort());
-        bool done = false;
-        control.connect("127.0.0.1", [&](bool ok) {
+        control.connect("127.0.0.1", [this](bool ok) {
             connected = ok;
             done = true;
         });
-        waitUntil([&] { return done; });
+        waitUntil([this] { return done; }, 10s);
     }
     // Waits for the n-th message with that id from us.
     bool receivedCount(const QString &id, int n) { return waitUntil([&] { return receiver.received(id).size() >= n; }, 10s); }
     ReferenceReceiver receiver;
     NetControl control;
     bool connected = false;
+    bool done = false;
 };
 
 #define REQUIRE_LINK(link)                                                                                                  \
