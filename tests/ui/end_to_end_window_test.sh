@@ -50,6 +50,9 @@ ip netns exec "$ns" Xvfb -displayfd 9 -screen 0 1024x768x24 -nolisten tcp >"$tmp
 pids+=($!)
 read -r -t 10 -u 9 display || { echo "FAIL: Xvfb did not start"; cat "$tmp/xvfb.log"; exit 1; }
 exec 9<&-
+# Every X client of this test runs inside the namespace too: a display number is only
+# unique per namespace (the abstract X socket lives in it), so outside it ":N" may be
+# somebody else's server.
 export DISPLAY=":$display"
 
 mkfifo "$tmp/commands"
@@ -70,15 +73,15 @@ pids+=($!)
 
 window=""
 for _ in $(seq 1 100); do
-    window=$(xdotool search --name '^Velocast$' 2>/dev/null | head -n1 || true)
+    window=$(in_ns xdotool search --name '^Velocast$' 2>/dev/null | head -n1 || true)
     [ -n "$window" ] && break
     sleep 0.1
 done
 [ -n "$window" ] || { echo "FAIL: no window"; cat "$tmp/app.log"; exit 1; }
 # Wait until the program has seen the namespace's network (the code boxes need it).
 wait_for 10 grep -q 'net : .* 10.77.1.2' "$tmp/app.log" || { echo "FAIL: no network report"; cat "$tmp/app.log"; exit 1; }
-timeout 5 xdotool windowfocus "$window" || true
-xdotool type --delay 80 "$code"
+timeout 5 ip netns exec "$ns" xdotool windowfocus "$window" || true
+in_ns xdotool type --delay 80 "$code"
 
 wait_for 10 has_event '"id":"id_connect_request"' || { echo "FAIL: no admission request"; cat "$tmp/app.log"; exit 1; }
 grep '"id":"id_connect_request"' "$events" | grep -q '"ip":"10.77.1.2"' || { echo "FAIL: wrong address in the request"; grep id_connect_request "$events"; exit 1; }
@@ -92,8 +95,8 @@ echo close >&3
 wait_for 25 grep -qE 'disconnectWithNotice|brokenWithNotice' "$tmp/app.log" || { echo "FAIL: the close was not noticed"; cat "$tmp/app.log"; exit 1; }
 # Back at code entry: a new code typed into the boxes connects again.
 sleep 0.5
-timeout 5 xdotool windowfocus "$window" || true
-xdotool type --delay 80 "$code"
+timeout 5 ip netns exec "$ns" xdotool windowfocus "$window" || true
+in_ns xdotool type --delay 80 "$code"
 two_requests() { [ "$(grep -c '"id":"id_connect_request"' "$events")" -ge 2 ]; }
 wait_for 10 two_requests || { echo "FAIL: code entry did not come back"; cat "$tmp/app.log"; exit 1; }
 echo "back at code entry after the receiver closed"
