@@ -3,6 +3,8 @@
 #include <QCoreApplication>
 #include <QTemporaryDir>
 
+#include "support/sanitizer_defaults.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>

@@ -3,6 +3,8 @@
 #include <QApplication>
 #include <QTemporaryDir>
 
+#include "support/sanitizer_defaults.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>
