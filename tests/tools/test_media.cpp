@@ -11,9 +11,6 @@
 
 namespace wire = velocast::wire;
 
-// GLib allocates a block in its library constructor that it never frees; that is not ours.
-extern "C" const char *__lsan_default_suppressions() { return "leak:libglib-2.0.so\n"; }
-
 namespace {
 
 struct PipelineDeleter {

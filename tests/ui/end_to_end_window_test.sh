@@ -56,7 +56,8 @@ exec 9<&-
 export DISPLAY=":$display"
 
 mkfifo "$tmp/commands"
-ip netns exec "$ns" "$receiver" --bind 10.77.1.1 --headless --quiet --event-log "$events" --safe-code 3 <"$tmp/commands" &
+ip netns exec "$ns" "$receiver" --bind 10.77.1.1 --headless --quiet --event-log "$events" --safe-code 3 \
+    --permission-wait 300 --log-frames <"$tmp/commands" &
 pids+=($!)
 exec 3>"$tmp/commands"
 wait_for 10 has_event '"listening"' || { echo "FAIL: the receiver did not start"; exit 1; }
@@ -65,8 +66,11 @@ echo "receiver shows code $code"
 
 # A home, settings and temporary folder of its own: the program is single-instance per user
 # through a socket in the temporary folder, and must not find another copy of itself.
-mkdir -p "$tmp/config" "$tmp/home" "$tmp/run" "$tmp/tmp"
+mkdir -p "$tmp/config/Velocast" "$tmp/home" "$tmp/run" "$tmp/tmp"
 chmod 700 "$tmp/run"
+# The display-name prompt of the very first panel is covered by the window tests; here the
+# panel opens straight onto its start button.
+printf '[General]\nInitPCName=true\n' >"$tmp/config/Velocast/Velocast.ini"
 ip netns exec "$ns" env HOME="$tmp/home" XDG_CONFIG_HOME="$tmp/config" XDG_RUNTIME_DIR="$tmp/run" TMPDIR="$tmp/tmp" \
     QT_QPA_PLATFORM=xcb "$app" >"$tmp/app.log" 2>&1 &
 pids+=($!)
@@ -88,6 +92,15 @@ grep '"id":"id_connect_request"' "$events" | grep -q '"ip":"10.77.1.2"' || { ech
 grep '"id":"id_connect_request"' "$events" | grep -q '"safe_code":"3"' || { echo "FAIL: wrong safe code"; exit 1; }
 wait_for 10 has_event '"event":"heartbeat"' || { echo "FAIL: no heartbeat after admission"; exit 1; }
 echo "admitted, heartbeats flowing"
+
+# The panel has the focus on its start button: start casting. The receiver asks us to wait,
+# then allows, and the screen of this display starts to arrive at its media port.
+sleep 0.3
+timeout 5 ip netns exec "$ns" xdotool windowfocus "$window" || true
+in_ns xdotool key space
+wait_for 10 has_event '"id":"id_permission_request"' || { echo "FAIL: no permission request"; cat "$tmp/app.log"; exit 1; }
+wait_for 20 has_event '"event":"video_frame"' || { echo "FAIL: no video reached the receiver"; cat "$tmp/app.log"; exit 1; }
+echo "casting: permission asked, video arriving"
 
 echo close >&3
 # A close that finds a heartbeat unread reaches us as a reset, which the heartbeat notices
