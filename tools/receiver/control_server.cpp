@@ -1,5 +1,7 @@
 #include "control_server.h"
 
+#include "accept.h"
+
 #include <QDateTime>
 
 namespace velocast::receiver {
@@ -52,15 +54,9 @@ bool ControlServer::listen(const QHostAddress &address, quint16 port, QString *e
 void ControlServer::onNewConnection()
 {
     while (QTcpSocket *socket = server_.nextPendingConnection()) {
-        socket->setParent(this);
-        if (int(connections_.size()) >= policy_.maxConnections) {
-            log_->log(QStringLiteral("control_rejected"),
-                      {{QStringLiteral("peer"), socket->peerAddress().toString()}, {QStringLiteral("reason"), QStringLiteral("too many connections")}});
-            socket->abort();
-            socket->deleteLater();
+        if (!admitConnection(socket, this, connections_.size(), policy_.maxConnections, kReadChunk, *log_,
+                             QStringLiteral("control_rejected")))
             continue;
-        }
-        socket->setReadBufferSize(kReadChunk);
         const int number = nextNumber_++;
         auto c = std::make_unique<Connection>(policy_.maxMessageBytes);
         c->number = number;
@@ -69,7 +65,7 @@ void ControlServer::onNewConnection()
         connect(socket, &QTcpSocket::disconnected, this, [this, number] { onDisconnected(number); });
         log_->log(QStringLiteral("control_connected"),
                   {{QStringLiteral("conn"), number},
-                   {QStringLiteral("peer"), QStringLiteral("%1:%2").arg(socket->peerAddress().toString()).arg(socket->peerPort())}});
+                   {QStringLiteral("peer"), peerText(socket)}});
         connections_[number] = std::move(c);
         // Data may already be waiting.
         if (socket->bytesAvailable() > 0) onReadyRead(number);

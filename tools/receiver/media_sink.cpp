@@ -1,5 +1,7 @@
 #include "media_sink.h"
 
+#include "accept.h"
+
 #include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -79,15 +81,9 @@ void MediaSink::record(const QString &stream, const Issues &issues)
 void MediaSink::onNewConnection()
 {
     while (QTcpSocket *socket = server_.nextPendingConnection()) {
-        socket->setParent(this);
-        if (int(streams_.size()) >= options_.maxConnections) {
-            log_->log(QStringLiteral("media_rejected"),
-                      {{QStringLiteral("peer"), socket->peerAddress().toString()}, {QStringLiteral("reason"), QStringLiteral("too many connections")}});
-            socket->abort();
-            socket->deleteLater();
+        if (!admitConnection(socket, this, streams_.size(), options_.maxConnections, kReadChunk, *log_,
+                             QStringLiteral("media_rejected")))
             continue;
-        }
-        socket->setReadBufferSize(kReadChunk);
         const int number = nextNumber_++;
         auto s = std::make_unique<Stream>(options_.maxRecordPayload);
         s->number = number;
@@ -96,7 +92,7 @@ void MediaSink::onNewConnection()
         connect(socket, &QTcpSocket::disconnected, this, [this, number] { onVideoClosed(number); });
         log_->log(QStringLiteral("media_connected"),
                   {{QStringLiteral("stream"), number},
-                   {QStringLiteral("peer"), QStringLiteral("%1:%2").arg(socket->peerAddress().toString()).arg(socket->peerPort())}});
+                   {QStringLiteral("peer"), peerText(socket)}});
         streams_[number] = std::move(s);
         if (socket->bytesAvailable() > 0) onVideoData(number);
     }
