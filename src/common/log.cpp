@@ -34,6 +34,13 @@ LogTap setLogTap(LogTap tap)
     return tap;
 }
 
+bool logWanted(const QLoggingCategory &category)
+{
+    if (category.isInfoEnabled()) return true;
+    std::lock_guard lock(state().mutex);
+    return static_cast<bool>(state().tap);
+}
+
 void logLine(const QLoggingCategory &category, const QString &text)
 {
     LogState &s = state();

@@ -21,6 +21,10 @@ Q_DECLARE_LOGGING_CATEGORY(lcApp)
 // Thread-safe. The line is the program's own text, e.g. "send json:{...}".
 void logLine(const QLoggingCategory &category, const QString &text);
 
+// Whether a line for this category would go anywhere (enabled, or a tap is set): lets hot
+// paths skip building a text nobody reads.
+bool logWanted(const QLoggingCategory &category);
+
 // Test hook: while set, every line written through logLine is also handed to the tap
 // (on the logging thread). Returns the previous tap.
 using LogTap = std::function<void(const char *category, const QString &text)>;

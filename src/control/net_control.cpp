@@ -182,7 +182,7 @@ void NetControl::sendDic(const QVariant &dic)
     if (json.isNull()) return;
     const auto s = stream();
     if (!s || !s->isConnected()) return;
-    logLine(lcControl(), QStringLiteral("send json:%1").arg(QString::fromUtf8(json)));
+    if (logWanted(lcControl())) logLine(lcControl(), QStringLiteral("send json:%1").arg(QString::fromUtf8(json)));
     s->sendData(json + '#');
 }
 
@@ -209,7 +209,7 @@ void NetControl::postData(const QByteArray &chunk)
     for (const QString &piece : pieces) {
         const QVariant object = dicFromJson(piece.toUtf8());
         if (heart_.receviDic(object)) continue;
-        logLine(lcControl(), QStringLiteral("recive dic:%1").arg(describe(object)));
+        if (logWanted(lcControl())) logLine(lcControl(), QStringLiteral("recive dic:%1").arg(describe(object)));
         NotificationCenter::defaultCenter().post(QString::fromLatin1(notice::NETCONTROL_RECEIVE), object);
     }
 }
