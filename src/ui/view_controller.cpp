@@ -358,6 +358,9 @@ void ViewController::setCastingPanelName(const QString &pcName)
 void ViewController::removeCastingPanel()
 {
     if (miracastVC_) miracastVC_->hide();
+    // Keyboard users land back in the open code box, not on a hidden panel.
+    if (const qsizetype open = textCode_.size(); open < 6 && isCodeViewVisible())
+        fields_[size_t(open)]->setFocus(Qt::OtherFocusReason);
     if (QWidget *w = window(); w->isMinimized()) {
         w->showNormal();
         w->raise();

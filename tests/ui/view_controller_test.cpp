@@ -158,6 +158,7 @@ TEST(MainWindow, TheSixthDigitConnectsAndAdmissionShowsThePanel)
     ASSERT_TRUE(waitUntil([&] { return w.vc->isTipVisible(); }));
     EXPECT_EQ(w.vc->tipText(), text::kDisconnected);
     EXPECT_TRUE(w.vc->isCodeViewVisible());
+    EXPECT_EQ(w.focused(), w.vc->field(1)) << "the keyboard is back in the first code box";
     MsgHeart::setTickInterval(2s);
 }
 
