@@ -5,11 +5,9 @@
 
 namespace velocast {
 
-double lenientDouble(const QVariant &value)
+bool isNumberType(const QVariant &value)
 {
     switch (value.typeId()) {
-    case QMetaType::Bool:
-        return value.toBool() ? 1.0 : 0.0;
     case QMetaType::Int:
     case QMetaType::UInt:
     case QMetaType::LongLong:
@@ -20,7 +18,18 @@ double lenientDouble(const QVariant &value)
     case QMetaType::UShort:
     case QMetaType::Double:
     case QMetaType::Float:
-        return value.toDouble();
+        return true;
+    default:
+        return false;
+    }
+}
+
+double lenientDouble(const QVariant &value)
+{
+    if (isNumberType(value)) return value.toDouble();
+    switch (value.typeId()) {
+    case QMetaType::Bool:
+        return value.toBool() ? 1.0 : 0.0;
     case QMetaType::QString: {
         // Like a C number scan: leading blanks skipped, the longest numeric prefix taken
         // (locale-independent), nothing numeric gives 0.

@@ -9,6 +9,8 @@ namespace velocast {
 // Values in control messages are read leniently: a number, a numeric string or a boolean
 // all serve where an integer or a boolean is expected; anything else, and a missing key,
 // reads as 0 / false. Fractions are truncated toward zero.
+// True for the integer and floating-point QVariant types (not bool, not strings).
+bool isNumberType(const QVariant &value);
 qint64 lenientInt(const QVariant &value);
 qint64 lenientInt(const QVariantMap &map, const QString &key);
 double lenientDouble(const QVariant &value);

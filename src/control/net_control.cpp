@@ -1,5 +1,6 @@
 #include "control/net_control.h"
 
+#include "common/lenient_value.h"
 #include "common/log.h"
 #include "common/main_thread.h"
 #include "common/notification_names.h"
@@ -22,24 +23,14 @@ namespace {
 bool isJsonWritable(const QVariant &v, int depth = 0)
 {
     if (depth > 64) return false;
+    if (isNumberType(v)) return std::isfinite(v.toDouble());
     switch (v.typeId()) {
     case QMetaType::UnknownType:
     case QMetaType::Nullptr:
     case QMetaType::Bool:
-    case QMetaType::Int:
-    case QMetaType::UInt:
-    case QMetaType::LongLong:
-    case QMetaType::ULongLong:
-    case QMetaType::Long:
-    case QMetaType::ULong:
-    case QMetaType::Short:
-    case QMetaType::UShort:
-    case QMetaType::Float:
     case QMetaType::QString:
     case QMetaType::QStringList:
         return true;
-    case QMetaType::Double:
-        return std::isfinite(v.toDouble());
     case QMetaType::QVariantList:
         for (const QVariant &e : v.toList()) {
             if (!isJsonWritable(e, depth + 1)) return false;
