@@ -1,5 +1,6 @@
 #include "ui/view_controller.h"
 
+#include "Extend/CommonTool/Airplay/airplay_control.h"
 #include "capture/session/mac_screen_capture.h"
 #include "common/log.h"
 #include "common/main_thread.h"
@@ -60,7 +61,10 @@ ViewController::ViewController(NetControl &control, bool watchNetwork, QWidget *
     tipBackView_->hide();
     configTextField();
     session_ = std::make_unique<ConnectionSession>(*this, control_);
-    session_->setReceiverAddressHandler([](const QString &ip) { MacScreenCapture::shareCapture().setIpStr(ip); });
+    session_->setReceiverAddressHandler([](const QString &ip) {
+        MacScreenCapture::shareCapture().setIpStr(ip);
+        AirplayControl::shareControl().setIpStr(ip);
+    });
     if (watchNetwork) {
         wifiCheck_ = std::make_unique<MacNetCheck>();
         // Called on the monitor's own thread; the widgets are only touched on the main thread.
