@@ -1,0 +1,36 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+
+namespace velocast::test {
+
+// Private mDNS hosts (avahi_hosts.sh): network namespaces with their own system bus and
+// avahi-daemon, joined by veth when there are two. This process talks to host 1.
+class AvahiHosts {
+public:
+    explicit AvahiHosts(int count = 1);
+    ~AvahiHosts();
+    bool ok() const { return ok_; }
+    QString bus(int host = 1) const;
+    // Ends host 1's daemon.
+    void killDaemon();
+
+private:
+    QString dir_;
+    bool ok_ = false;
+};
+
+// avahi-browse -t -p (with -r: resolved) for one service type, as another process sees it;
+// the lines for that type ("+;lo;IPv4;name;..." or "=;lo;IPv4;name;type;domain;host;address;port;txt").
+QStringList browse(const QString &bus, const QString &type, bool resolve);
+// avahi-browse -p escapes names (\DDD bytes, \. and the like); this undoes it.
+QString unescapeBrowsed(const QString &field);
+// Whether an instance of that name shows in a browse.
+bool browseHas(const QString &bus, const QString &type, const QString &name, bool resolve = false);
+// Raw rdata of one record (class IN) as a record browser on this process's daemon sees it,
+// or an empty array when none arrived.
+QByteArray recordData(const QString &fullName, quint16 type);
+
+} // namespace velocast::test

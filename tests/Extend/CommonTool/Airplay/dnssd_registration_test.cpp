@@ -1,0 +1,340 @@
+// DNSSDRegistration and AirPlayManager against real avahi-daemons in namespaces of their own.
+#include "Extend/CommonTool/Airplay/AirplayDNSRegistration/dnssd_registration.h"
+#include "Extend/CommonTool/Airplay/air_play_manager.h"
+#include "avahi_test_hosts.h"
+#include "common/log.h"
+#include "support/test_support.h"
+
+#include <avahi-common/defs.h>
+
+#include <gtest/gtest.h>
+
+#include <QProcess>
+
+#include <mutex>
+#include <vector>
+
+using namespace velocast;
+using namespace velocast::test;
+
+namespace {
+
+struct Recorder : DNSSDRegistrationDelegate {
+    std::vector<std::string> events;
+    int lastError = 0;
+    void dnssdRegistrationWillRegister(DNSSDRegistration *) override { events.push_back("will"); }
+    void dnssdRegistrationDidRegister(DNSSDRegistration *) override { events.push_back("did"); }
+    void dnssdRegistrationDidNotRegister(DNSSDRegistration *, const DNSSDError &e) override
+    {
+        events.push_back("didNot");
+        lastError = e.code;
+    }
+    void dnssdRegistrationDidStop(DNSSDRegistration *) override { events.push_back("stop"); }
+    bool has(const std::string &e) const { return std::find(events.begin(), events.end(), e) != events.end(); }
+};
+
+// Log lines written while it lives.
+struct LogCapture {
+    std::mutex mutex;
+    QStringList lines;
+    LogCapture()
+    {
+        setLogTap([this](const char *, const QString &text) {
+            std::lock_guard lock(mutex);
+            lines << text;
+        });
+    }
+    ~LogCapture() { setLogTap({}); }
+    bool contains(const QString &text)
+    {
+        std::lock_guard lock(mutex);
+        return lines.contains(text);
+    }
+};
+
+#define NEED_HOSTS(hosts)                                                                                              \
+    if (!(hosts).ok()) GTEST_SKIP() << "no private avahi-daemon here (needs root, ip netns, avahi-daemon)"
+
+const TxtRecord kTxt{{QStringLiteral("a"), QStringLiteral("1")}, {QStringLiteral("bb"), QStringLiteral("22")}};
+
+} // namespace
+
+TEST(DNSSDRegistrationWire, TxtAddressAndTarget)
+{
+    EXPECT_EQ(DNSSDRegistration::txtData(kTxt), QByteArray("\x03" "a=1" "\x05" "bb=22", 10));
+    EXPECT_EQ(DNSSDRegistration::txtData(TxtRecord{}), QByteArray());
+    EXPECT_EQ(DNSSDRegistration::txtData(std::nullopt), QByteArray());
+    // The length byte counts UTF-16 units (kept as the wire rule); "é" is 1 unit, 2 bytes.
+    EXPECT_EQ(DNSSDRegistration::txtData(TxtRecord{{QStringLiteral("k"), QStringLiteral("é")}}),
+        QByteArray("\x03k=\xc3\xa9", 5));
+
+    // Five entries of 251 bytes: four fill 1,004 bytes, the fifth would pass 1,024 and is left out;
+    // an entry over 255 bytes never fits a TXT string.
+    TxtRecord big;
+    for (char c : {'a', 'b', 'c', 'd', 'e'}) big.insert(QString(QChar(c)), QString(248, QLatin1Char('x')));
+    big.insert(QStringLiteral("0"), QString(300, QLatin1Char('y')));
+    const QByteArray data = DNSSDRegistration::txtData(big);
+    EXPECT_EQ(data.size(), 4 * 251);
+    EXPECT_EQ(data.at(0), char(250));
+    EXPECT_EQ(data.mid(1, 2), QByteArray("a="));
+    EXPECT_FALSE(data.contains("e=")) << "the entry that did not fit";
+
+    const struct {
+        const char *host;
+        QByteArray data;
+    } addresses[] = {
+        {"192.168.1.20", QByteArray("\xc0\xa8\x01\x14", 4)},
+        {"192.168.0.20", QByteArray("\xc0\xa8", 2)},
+        {"10.0.0.5", QByteArray("\x0a", 1)},
+        {"10.77.300.1", QByteArray("\x0a\x4d\x2c\x01", 4)}, // 300 keeps its low 8 bits
+        {"1.2", QByteArray("\x01\x02", 2)},
+        {"", QByteArray()},
+    };
+    for (const auto &a : addresses)
+        EXPECT_EQ(DNSSDRegistration::addressData(QString::fromLatin1(a.host)), a.data) << a.host;
+
+    EXPECT_EQ(DNSSDRegistration::targetHost(QStringLiteral("Living Room"), QStringLiteral("_airplay._tcp."),
+                  QStringLiteral("local.")),
+        QStringLiteral("Living\\032Room._airplay._tcp.local."));
+    EXPECT_EQ(DNSSDRegistration::targetHost(QStringLiteral("a.b"), QStringLiteral("_raop._tcp."), QString()),
+        QStringLiteral("a\\.b._raop._tcp."));
+}
+
+TEST(DNSSDRegistrationWire, ArgumentsAreNormalisedOrAbort)
+{
+    DNSSDRegistration local(QStringLiteral("local"), QStringLiteral("_airplay._tcp"), QStringLiteral("n"), 65535);
+    EXPECT_EQ(local.domain(), QStringLiteral("local."));
+    EXPECT_EQ(local.type(), QStringLiteral("_airplay._tcp."));
+    EXPECT_EQ(local.port(), 65535);
+    DNSSDRegistration empty(QString(), QStringLiteral("_raop._tcp."), QString(), 1);
+    EXPECT_EQ(empty.domain(), QString());
+
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const struct {
+        const char *domain, *type;
+        qint64 port;
+        const char *condition;
+    } bad[] = {
+        {".local.", "_airplay._tcp.", 7000, R"(! \[domain hasPrefix:@"\."\])"},
+        {"local.", nullptr, 7000, R"(type != nil)"},
+        {"local.", "", 7000, R"(\[type length\] != 0)"},
+        {"local.", "._airplay._tcp.", 7000, R"(! \[type hasPrefix:@"\."\])"},
+        {"local.", "_airplay._tcp.", 0, R"(port > 0)"},
+        {"local.", "_airplay._tcp.", 65536, R"(port < 65536)"},
+    };
+    for (const auto &b : bad) {
+        const QString type = b.type ? QString::fromLatin1(b.type) : QString();
+        EXPECT_DEATH(DNSSDRegistration(QString::fromLatin1(b.domain), type, QStringLiteral("n"), b.port),
+            std::string("Extend/CommonTool/Airplay/AirplayDNSRegistration/DNSSDRegistration.*\n.*") + b.condition)
+            << b.condition;
+    }
+    DNSSDRegistration r(QStringLiteral("local."), QStringLiteral("_airplay._tcp."), QStringLiteral("n"), 7000);
+    EXPECT_DEATH(r.didRegisterWithDomain(QStringLiteral("local"), QStringLiteral("n")),
+        R"(\[domain caseInsensitiveCompare:@"local"\] != NSOrderedSame)");
+}
+
+// What another process sees: SRV target, address, port and the TXT bytes in order; start
+// twice publishes once; stop withdraws (the browse stops listing it); start again republishes.
+TEST(DNSSDRegistrationAvahi, PublishesWithdrawsAndRepublishes)
+{
+    AvahiHosts hosts;
+    NEED_HOSTS(hosts);
+    Recorder rec;
+    DNSSDRegistration reg(QStringLiteral("local."), QStringLiteral("_airplay._tcp."), QStringLiteral("Living Room"),
+        QStringLiteral("192.168.1.20"), 7000, kTxt);
+    reg.setDelegate(&rec);
+    reg.start();
+    reg.start();
+    ASSERT_TRUE(waitUntil([&] { return rec.has("did"); }, std::chrono::seconds(15)));
+    EXPECT_EQ(rec.events, (std::vector<std::string>{"will", "did"}));
+    EXPECT_EQ(reg.registeredDomain(), QStringLiteral("local."));
+    EXPECT_EQ(reg.registeredName(), QStringLiteral("Living Room"));
+
+    const QStringList lines = browse(hosts.bus(), QStringLiteral("_airplay._tcp"), true);
+    ASSERT_EQ(lines.size(), 1) << lines.join(QLatin1Char('\n')).toStdString();
+    const QStringList f = lines.first().split(QLatin1Char(';'));
+    EXPECT_EQ(f.mid(1, 6), (QStringList{QStringLiteral("lo"), QStringLiteral("IPv4"), QStringLiteral("Living\\032Room"),
+                               QStringLiteral("_airplay._tcp"), QStringLiteral("local"),
+                               QStringLiteral("Living\\032Room._airplay._tcp.local")}));
+    EXPECT_EQ(f.value(7), QStringLiteral("192.168.1.20"));
+    EXPECT_EQ(f.value(8), QStringLiteral("7000"));
+    EXPECT_EQ(recordData(QStringLiteral("Living Room._airplay._tcp.local"), AVAHI_DNS_TYPE_TXT),
+        QByteArray("\x03" "a=1" "\x05" "bb=22", 10));
+
+    reg.stop();
+    EXPECT_EQ(reg.registeredName(), QString());
+    EXPECT_TRUE(waitUntil([&] { return !browseHas(hosts.bus(), QStringLiteral("_airplay._tcp"), "Living Room"); },
+        std::chrono::seconds(15)));
+    rec.events.clear();
+    reg.start();
+    ASSERT_TRUE(waitUntil([&] { return rec.has("did"); }, std::chrono::seconds(15)));
+    EXPECT_TRUE(browseHas(hosts.bus(), QStringLiteral("_airplay._tcp"), "Living Room"));
+}
+
+// A zero octet cuts the address record short; Avahi refuses it, the service stays.
+TEST(DNSSDRegistrationAvahi, ShortAddressRecordIsRefusedServiceStays)
+{
+    AvahiHosts hosts;
+    NEED_HOSTS(hosts);
+    LogCapture log;
+    Recorder rec;
+    DNSSDRegistration reg(QStringLiteral("local."), QStringLiteral("_raop._tcp."), QStringLiteral("Zero"),
+        QStringLiteral("192.168.0.20"), 7000, kTxt);
+    reg.setDelegate(&rec);
+    reg.start();
+    EXPECT_TRUE(log.contains(QStringLiteral("add record error")));
+    ASSERT_TRUE(waitUntil([&] { return rec.has("did"); }, std::chrono::seconds(15)));
+    EXPECT_TRUE(browseHas(hosts.bus(), QStringLiteral("_raop._tcp"), "Zero"));
+    EXPECT_EQ(recordData(QStringLiteral("Zero._raop._tcp.local"), AVAHI_DNS_TYPE_A), QByteArray());
+}
+
+// Failures reach the delegate as did-not-register then did-stop, and leave it stopped.
+TEST(DNSSDRegistrationAvahi, ConflictLostDaemonAndNoDaemon)
+{
+    AvahiHosts hosts;
+    NEED_HOSTS(hosts);
+    // Another process holds the name.
+    QProcess holder;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), hosts.bus());
+    holder.setProcessEnvironment(env);
+    holder.start(QStringLiteral("avahi-publish"),
+        {QStringLiteral("-s"), QStringLiteral("Taken"), QStringLiteral("_airplay._tcp"), QStringLiteral("7001")});
+    ASSERT_TRUE(waitUntil([&] { return browseHas(hosts.bus(), QStringLiteral("_airplay._tcp"), "Taken"); },
+        std::chrono::seconds(15)));
+    Recorder clash;
+    DNSSDRegistration taken(QStringLiteral("local."), QStringLiteral("_airplay._tcp."), QStringLiteral("Taken"),
+        QStringLiteral("10.1.1.1"), 7000, kTxt);
+    taken.setDelegate(&clash);
+    taken.start();
+    ASSERT_TRUE(waitUntil([&] { return clash.has("stop"); }, std::chrono::seconds(15)));
+    EXPECT_EQ(clash.events, (std::vector<std::string>{"didNot", "stop"}));
+    EXPECT_EQ(clash.lastError, -65548);
+    EXPECT_FALSE(taken.isStarted());
+    holder.kill();
+    holder.waitForFinished();
+
+    Recorder rec;
+    DNSSDRegistration reg(QStringLiteral("local."), QStringLiteral("_airplay._tcp."), QStringLiteral("Lost"),
+        QStringLiteral("10.1.1.1"), 7000, kTxt);
+    reg.setDelegate(&rec);
+    reg.start();
+    ASSERT_TRUE(waitUntil([&] { return rec.has("did"); }, std::chrono::seconds(15)));
+    hosts.killDaemon();
+    ASSERT_TRUE(waitUntil([&] { return rec.has("stop"); }, std::chrono::seconds(15)));
+    EXPECT_EQ(rec.events, (std::vector<std::string>{"will", "did", "didNot", "stop"}));
+    EXPECT_EQ(rec.lastError, -65563);
+    EXPECT_FALSE(reg.isStarted());
+
+    // With the daemon gone a new start fails at once.
+    rec.events.clear();
+    reg.start();
+    EXPECT_EQ(rec.events, (std::vector<std::string>{"didNot", "stop"}));
+    EXPECT_EQ(rec.lastError, -65563);
+}
+
+// Published on the loopback interface only: a second machine on the link does not see it,
+// though it does see a service published for the network.
+TEST(DNSSDRegistrationAvahi, LocalOnlyIsInvisibleToAnotherHost)
+{
+    AvahiHosts hosts(2);
+    NEED_HOSTS(hosts);
+    Recorder rec;
+    DNSSDRegistration reg(QStringLiteral("local."), QStringLiteral("_airplay._tcp."), QStringLiteral("Mine"),
+        QStringLiteral("10.1.1.1"), 7000, kTxt);
+    reg.setDelegate(&rec);
+    reg.start();
+    ASSERT_TRUE(waitUntil([&] { return rec.has("did"); }, std::chrono::seconds(15)));
+    QProcess shared;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), hosts.bus(1));
+    shared.setProcessEnvironment(env);
+    shared.start(QStringLiteral("avahi-publish"),
+        {QStringLiteral("-s"), QStringLiteral("Shared"), QStringLiteral("_airplay._tcp"), QStringLiteral("7002")});
+    ASSERT_TRUE(waitUntil([&] { return browseHas(hosts.bus(2), QStringLiteral("_airplay._tcp"), "Shared"); },
+        std::chrono::seconds(20)));
+    EXPECT_FALSE(browseHas(hosts.bus(2), QStringLiteral("_airplay._tcp"), "Mine"));
+    EXPECT_TRUE(browseHas(hosts.bus(1), QStringLiteral("_airplay._tcp"), "Mine"));
+    shared.kill();
+    shared.waitForFinished();
+}
+
+// The manager's result: one call once both registered, one failure call on the first
+// failure (later events change nothing), no call and nothing registered without a TXT set.
+TEST(AirPlayManagerAvahi, OneResultPerConnect)
+{
+    AvahiHosts hosts;
+    NEED_HOSTS(hosts);
+    QProcess holder;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), hosts.bus());
+    holder.setProcessEnvironment(env);
+    holder.start(QStringLiteral("avahi-publish"),
+        {QStringLiteral("-s"), QStringLiteral("Held@Room"), QStringLiteral("_raop._tcp"), QStringLiteral("7001")});
+    ASSERT_TRUE(waitUntil([&] { return browseHas(hosts.bus(), QStringLiteral("_raop._tcp"), "Held@Room"); },
+        std::chrono::seconds(15)));
+
+    const struct {
+        const char *audioName;
+        bool withAudioTxt;
+        int calls;
+        bool success;
+        int error;
+    } cases[] = {
+        {"Free@Room", true, 1, true, 0},
+        {"Held@Room", true, 1, false, -65548},
+        {"Free@Room", false, 0, false, 0},
+    };
+    AirPlayManager &m = AirPlayManager::sharedManager();
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.audioName);
+        int calls = 0;
+        bool success = false;
+        int error = 0;
+        m.connectToAppleTVAirplayName(QStringLiteral("Room"), QString::fromUtf8(c.audioName),
+            QStringLiteral("10.1.1.1"), 7000, 7000, kTxt, c.withAudioTxt ? std::optional(kTxt) : std::nullopt,
+            [&](bool ok, const std::optional<DNSSDError> &e) {
+                ++calls;
+                success = ok;
+                error = e ? e->code : 0;
+            });
+        if (c.calls == 0) {
+            EXPECT_FALSE(m.currentVideoRegistration() && m.currentVideoRegistration()->isStarted());
+            EXPECT_FALSE(m.currentAudioRegistration() && m.currentAudioRegistration()->isStarted());
+            EXPECT_EQ(calls, 0);
+            continue;
+        }
+        // Wait until both services have answered, whatever the order.
+        ASSERT_TRUE(waitUntil([&] { return m.videoFlagValue() != 0 && m.audioFlagValue() != 0; },
+            std::chrono::seconds(15)));
+        EXPECT_EQ(calls, c.calls);
+        EXPECT_EQ(success, c.success);
+        EXPECT_EQ(error, c.error);
+        m.disconnect();
+    }
+    holder.kill();
+    holder.waitForFinished();
+}
+
+TEST(AirPlayManager, NamesAndReconfirmData)
+{
+    AirPlayManager m;
+    EXPECT_TRUE(m.audioNameWithDeviceID(QStringLiteral("AA:BB")).isNull()) << "no name yet";
+    m.connectToAppleTVAirplayName(QStringLiteral("Room"), QStringLiteral("x"), QStringLiteral("1.2.3.4"), 1, 1,
+        std::nullopt, std::nullopt, {});
+    EXPECT_EQ(m.audioNameWithDeviceID(QStringLiteral("AA:BB:CC:DD:EE:FF")), QStringLiteral("AABBCCDDEEFF@Room"));
+    EXPECT_TRUE(m.audioNameWithDeviceID(QString()).isNull());
+
+    QString recordName;
+    const auto data = AirPlayManager::reconfirmRecordData(QStringLiteral("Room._airplay._tcp.local."), &recordName);
+    ASSERT_TRUE(data);
+    EXPECT_EQ(*data, QByteArray("\x04Room\x08_airplay\x04_tcp\x05local\x00", 26));
+    EXPECT_EQ(recordName, QStringLiteral("_airplay._tcp.local."));
+    for (const char *bad : {"a._tcp.local.", "Room._airplay._tcp.local", "Room._airplay._sctp.local."})
+        EXPECT_FALSE(AirPlayManager::reconfirmRecordData(QString::fromLatin1(bad))) << bad;
+    EXPECT_FALSE(AirPlayManager::reconfirmRecordData(QString(64, QLatin1Char('x')) + QStringLiteral("._a._tcp.local.")));
+    QString longName = QStringLiteral("Room._a._tcp.");
+    for (int i = 0; i < 4; ++i) longName += QString(60, QLatin1Char('x')) + QLatin1Char('.');
+    EXPECT_FALSE(AirPlayManager::reconfirmRecordData(longName)) << "258 bytes of data";
+    EXPECT_TRUE(AirPlayManager::reconfirmRecordData(longName.left(13 + 3 * 61))) << "196 bytes";
+}
