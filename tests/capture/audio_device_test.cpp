@@ -160,7 +160,9 @@ TEST_P(AudioDevices, TheLockRevertsOutsideChangesSettlesAndAfterAStopInstallsNoL
     for (int i = 0; i < 5; ++i) EXPECT_EQ(defaultSink(), "vc_headset");
     EXPECT_EQ(AudioDeviceControl::defaultOutputDevice(), lock->deviceID());
     EXPECT_EQ(int(log.lines().filter("statu: ").size()), switches);
-    EXPECT_LE(switches, 1 + 2 * 2) << log.lines().join('\n').toStdString();
+    // One to lock, and per outside change a switch back plus at most a few more while the
+    // server's change reports catch up (PipeWire's session manager adds its own).
+    EXPECT_LE(switches, 1 + 2 * 4) << log.lines().join('\n').toStdString();
 
     // Stopped, then started again: the switch happens, the listener is not installed again.
     lock->stopLock();
