@@ -27,6 +27,12 @@ inline constexpr char AIRPLAYCONTROL_STOP[] = "AIRPLAYCONTROL_STOP";
 inline constexpr char NOTICE_BESTOP_AIRPLAY[] = "NOTICE_BESTOP_AIRPLAY";
 
 // Audio devices.
+inline constexpr char kDVKAudioHardwareDefaultOutputDeviceDidChangeNotification[] =
+    "kDVKAudioHardwareDefaultOutputDeviceDidChangeNotification";
+inline constexpr char kDVKAudioHardwareDefaultInputDeviceDidChangeNotification[] =
+    "kDVKAudioHardwareDefaultInputDeviceDidChangeNotification";
+inline constexpr char kDVKAudioHardwareDefaultSystemOutputDeviceDidChangeNotification[] =
+    "kDVKAudioHardwareDefaultSystemOutputDeviceDidChangeNotification";
 inline constexpr char kDVKAudioHardwareDeviceListDidChangeNotification[] =
     "kDVKAudioHardwareDeviceListDidChangeNotification";
 

@@ -55,8 +55,9 @@ public:
     // Pictures of that display: NV12, its full size, 30 per second, with the pointer drawn in.
     virtual std::unique_ptr<CaptureSource> makeScreenInput(const MainDisplay &display, CaptureSource::SampleHandler handler,
                                                            QString *error) = 0;
-    // Interleaved S16LE PCM, 44100 Hz, stereo, from the default audio input. Null, with the
-    // reason in *error, when there is no audio input to open.
+    // Interleaved S16LE PCM, 44100 Hz, stereo, of what the computer plays (the default
+    // output), or of the default input where that cannot be had. Null, with the reason in
+    // *error, when there is no audio input to open.
     virtual std::unique_ptr<CaptureSource> makeAudioInput(CaptureSource::SampleHandler handler, QString *error) = 0;
 };
 

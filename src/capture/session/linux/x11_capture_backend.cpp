@@ -2,9 +2,10 @@
 //
 //   screen: ximagesrc (the primary output's rectangle, pointer drawn, no damage tracking)
 //           ! 30/1 ! videoconvert ! NV12 (bt709, video range) ! appsink
-//   audio:  pulsesrc (default source) ! audioconvert ! audioresample ! S16LE 44100 Hz 2 ch ! appsink
+//   audio:  what the computer plays (linux/pulse_audio_input.cpp)
 #include "capture/session/capture_source.h"
 #include "capture/session/linux/gst_capture_source.h"
+#include "capture/session/linux/pulse_audio_input.h"
 #include "capture/session/linux/x11_main_display.h"
 #include "common/log.h"
 
@@ -64,17 +65,7 @@ public:
 
     std::unique_ptr<CaptureSource> makeAudioInput(CaptureSource::SampleHandler handler, QString *error) override
     {
-        ensureGstreamer();
-        const QString description = QStringLiteral("pulsesrc name=src ! audioconvert ! audioresample "
-                                                   "! audio/x-raw,format=S16LE,rate=44100,channels=2,layout=interleaved ! %1")
-                                        .arg(kSink);
-        GstElement *pipeline = parse(description, error);
-        if (!pipeline) return nullptr;
-        auto source = std::make_unique<GstCaptureSource>(pipeline, GstCaptureSource::Kind::Audio, "Audio Capture Queue", std::move(handler));
-        // pulsesrc connects to the sound server when it goes to READY: that is where a
-        // missing server or source shows.
-        if (!source->open(error)) return nullptr;
-        return source;
+        return makePulseAudioInput(std::move(handler), error);
     }
 };
 
