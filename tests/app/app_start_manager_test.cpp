@@ -15,15 +15,8 @@
 namespace velocast {
 namespace {
 
-QString autostartDir()
-{
-    return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) + QStringLiteral("/autostart");
-}
-
-QString entryPath()
-{
-    return autostartDir() + QStringLiteral("/velocast.desktop");
-}
+QString autostartDir() { return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) + "/autostart"; }
+QString entryPath() { return autostartDir() + "/velocast.desktop"; }
 
 void writeFile(const QString &path, const QByteArray &content)
 {
@@ -48,12 +41,24 @@ protected:
     void TearDown() override { QDir(autostartDir()).removeRecursively(); }
 };
 
-TEST_F(AppStartManagerTest, AddsOnceThenRemoves)
+TEST_F(AppStartManagerTest, AddsOneValidEntryOnceThenRemovesIt)
 {
     EXPECT_FALSE(AppStartManager::isStartAtLogin());
     EXPECT_TRUE(AppStartManager::setStartAtLogin(true));
     EXPECT_TRUE(AppStartManager::isStartAtLogin());
-    ASSERT_TRUE(QFile::exists(entryPath()));
+    QFile f(entryPath());
+    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
+    const QByteArray content = f.readAll();
+    EXPECT_TRUE(content.contains("\nExec=\"" + QCoreApplication::applicationFilePath().toUtf8() + "\"\n")) << content.toStdString();
+    EXPECT_TRUE(content.contains("\nX-GNOME-Autostart-enabled=true\n"));
+    if (const QString validator = QStandardPaths::findExecutable("desktop-file-validate"); !validator.isEmpty()) {
+        QProcess p;
+        p.start(validator, {entryPath()});
+        ASSERT_TRUE(p.waitForFinished(30000));
+        const QByteArray output = p.readAllStandardOutput() + p.readAllStandardError();
+        EXPECT_EQ(p.exitCode(), 0) << output.toStdString();
+        EXPECT_FALSE(output.contains("warning")) << output.toStdString();
+    }
 
     // Already there: no second entry, nothing rewritten.
     const QDateTime written = QFileInfo(entryPath()).lastModified();
@@ -64,58 +69,25 @@ TEST_F(AppStartManagerTest, AddsOnceThenRemoves)
     EXPECT_TRUE(AppStartManager::setStartAtLogin(false));
     EXPECT_FALSE(QFile::exists(entryPath()));
     EXPECT_FALSE(AppStartManager::isStartAtLogin());
-    // Nothing left to remove.
-    EXPECT_FALSE(AppStartManager::setStartAtLogin(false));
+    EXPECT_FALSE(AppStartManager::setStartAtLogin(false)) << "nothing left to remove";
 }
 
-TEST_F(AppStartManagerTest, WrittenEntryIsValidAndRunsThisProgram)
-{
-    ASSERT_TRUE(AppStartManager::setStartAtLogin(true));
-    QFile f(entryPath());
-    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
-    const QByteArray content = f.readAll();
-    EXPECT_TRUE(content.contains("\nExec=\"" + QCoreApplication::applicationFilePath().toUtf8() + "\"\n"))
-        << content.toStdString();
-    EXPECT_TRUE(content.contains("\nX-GNOME-Autostart-enabled=true\n"));
-
-    const QString validator = QStandardPaths::findExecutable(QStringLiteral("desktop-file-validate"));
-    if (validator.isEmpty()) GTEST_SKIP() << "desktop-file-validate is not installed (desktop-file-utils)";
-    QProcess p;
-    p.start(validator, { entryPath() });
-    ASSERT_TRUE(p.waitForFinished(30000));
-    const QByteArray output = p.readAllStandardOutput() + p.readAllStandardError();
-    EXPECT_EQ(p.exitCode(), 0) << output.toStdString();
-    EXPECT_FALSE(output.contains("warning")) << output.toStdString();
-}
-
-TEST_F(AppStartManagerTest, HiddenOrForeignEntriesDoNotCount)
-{
-    const QString ours = u'"' + QCoreApplication::applicationFilePath() + u'"';
-    writeFile(entryPath(), entryFor(ours, "Hidden=true\n"));
-    EXPECT_FALSE(AppStartManager::isStartAtLogin());
-    // A hidden entry is replaced by a visible one.
-    EXPECT_TRUE(AppStartManager::setStartAtLogin(true));
-    EXPECT_TRUE(AppStartManager::isStartAtLogin());
-
-    writeFile(entryPath(), entryFor(QStringLiteral("/usr/bin/some-other-program --flag")));
-    EXPECT_FALSE(AppStartManager::isStartAtLogin());
-    EXPECT_FALSE(AppStartManager::setStartAtLogin(false));
-    EXPECT_TRUE(QFile::exists(entryPath())) << "an entry for another program was removed";
-}
-
-TEST_F(AppStartManagerTest, RemovesEveryMatchingEntryAndOnlyThose)
+TEST_F(AppStartManagerTest, OnlyVisibleEntriesForThisProgramCountAndAreRemoved)
 {
     const QString path = QCoreApplication::applicationFilePath();
-    // Our program written three ways: quoted, unquoted with arguments, and hidden.
-    writeFile(entryPath(), entryFor(u'"' + path + u'"'));
-    writeFile(
-        autostartDir() + QStringLiteral("/velocast-old.desktop"), entryFor(path + QStringLiteral(" --minimized")));
-    writeFile(autostartDir() + QStringLiteral("/velocast-hidden.desktop"), entryFor(path, "Hidden=true\n"));
-    writeFile(autostartDir() + QStringLiteral("/other.desktop"), entryFor(QStringLiteral("/usr/bin/other")));
-
+    writeFile(entryPath(), entryFor(u'"' + path + u'"', "Hidden=true\n"));
+    EXPECT_FALSE(AppStartManager::isStartAtLogin());
+    EXPECT_TRUE(AppStartManager::setStartAtLogin(true)) << "a hidden entry is replaced by a visible one";
     EXPECT_TRUE(AppStartManager::isStartAtLogin());
+
+    // Our program written three ways (quoted, unquoted with arguments, hidden) and another program.
+    writeFile(autostartDir() + "/velocast-old.desktop", entryFor(path + " --minimized"));
+    writeFile(autostartDir() + "/velocast-hidden.desktop", entryFor(path, "Hidden=true\n"));
+    writeFile(autostartDir() + "/other.desktop", entryFor("/usr/bin/other --flag"));
     EXPECT_TRUE(AppStartManager::setStartAtLogin(false));
-    EXPECT_EQ(QDir(autostartDir()).entryList(QDir::Files), QStringList { QStringLiteral("other.desktop") });
+    EXPECT_EQ(QDir(autostartDir()).entryList(QDir::Files), QStringList{"other.desktop"});
+    EXPECT_FALSE(AppStartManager::isStartAtLogin()) << "an entry for another program does not count";
+    EXPECT_FALSE(AppStartManager::setStartAtLogin(false));
 }
 
 } // namespace

@@ -1,6 +1,5 @@
 #include "common/preferences.h"
 
-#include <QDir>
 #include <QSettings>
 
 #include "support/test_support.h"
@@ -10,14 +9,6 @@
 using namespace velocast;
 
 namespace {
-
-TEST(Preferences, LiveUnderTheTestConfigDirectoryNotTheUsers)
-{
-    const QString config = qEnvironmentVariable("XDG_CONFIG_HOME");
-    ASSERT_FALSE(config.isEmpty());
-    EXPECT_TRUE(Preferences::fileName().startsWith(config)) << Preferences::fileName().toStdString();
-    EXPECT_FALSE(Preferences::fileName().startsWith(QDir::homePath() + "/.config"));
-}
 
 TEST(Preferences, DisplayNameFallsBackToHostNameUnlessAStringIsStored)
 {

@@ -1,14 +1,14 @@
 // The receiver's control side: framing across reads, message parsing, the messages it
-// writes, the connect code and the command language.
+// writes, the connect code, the command language and a scenario file.
 #include "commands.h"
 #include "connect_code.h"
-#include "control_framing.h"
+#include "receiver_test_util.h"
 
+#include <QFile>
 #include <QJsonArray>
-#include <QJsonDocument>
-#include <gtest/gtest.h>
 
 using namespace velocast::receiver;
+using namespace velocast::receiver::test;
 
 namespace {
 
@@ -31,30 +31,26 @@ QStringList idsOf(const QList<QByteArray> &pieces)
 
 } // namespace
 
-TEST(MessageFramer, ReassemblesMessagesSplitAtEveryPosition)
+TEST(MessageFramer, ReassemblesMessagesSplitAtEveryPositionAndByteByByte)
 {
     const QByteArray stream = senderMessage("id_connect_request", {{"name", "desk 名前"}, {"safe_code", "3"}, {"ip", "10.0.0.2"}})
         + senderMessage("id_heartbeat", {{"timestamp", 1700000000}});
+    const QStringList expected{"id_connect_request", "id_heartbeat"};
     for (qsizetype cut = 0; cut <= stream.size(); ++cut) {
         MessageFramer f;
         QList<QByteArray> pieces = f.feed(stream.left(cut));
         pieces += f.feed(stream.mid(cut));
-        ASSERT_EQ(idsOf(pieces), (QStringList{"id_connect_request", "id_heartbeat"})) << "cut at " << cut;
+        ASSERT_EQ(idsOf(pieces), expected) << "cut at " << cut;
         EXPECT_EQ(f.pendingBytes(), 0);
     }
-}
-
-TEST(MessageFramer, ByteByByteAndSeveralPerReadGiveTheSameMessages)
-{
-    QByteArray stream;
-    for (int i = 0; i < 5; ++i) stream += senderMessage(QStringLiteral("id_%1").arg(i), {});
-    MessageFramer oneRead;
-    const QStringList all = idsOf(oneRead.feed(stream));
-    EXPECT_EQ(all, (QStringList{"id_0", "id_1", "id_2", "id_3", "id_4"}));
     MessageFramer byteWise;
     QList<QByteArray> pieces;
     for (char c : stream) pieces += byteWise.feed(QByteArray(1, c));
-    EXPECT_EQ(idsOf(pieces), all);
+    EXPECT_EQ(idsOf(pieces), expected);
+    // An unterminated tail is kept for the end of the stream.
+    EXPECT_TRUE(byteWise.feed(R"({"id":"id_heartbeat"})").isEmpty());
+    EXPECT_EQ(byteWise.takePending(), QByteArray(R"({"id":"id_heartbeat"})"));
+    EXPECT_EQ(byteWise.pendingBytes(), 0);
 }
 
 TEST(MessageFramer, GarbageBetweenMessagesIsOnePieceEach)
@@ -86,14 +82,6 @@ TEST(MessageFramer, OversizedMessageIsDroppedOnceAndTheStreamRecovers)
     // One byte more does not.
     EXPECT_TRUE(g.feed(QByteArray(R"({"id":"id_x123456789})") + "#").isEmpty());
     EXPECT_EQ(g.oversizedCount(), 1);
-}
-
-TEST(MessageFramer, UnterminatedTailIsKeptForTheEndOfStream)
-{
-    MessageFramer f;
-    EXPECT_TRUE(f.feed(R"({"id":"id_heartbeat"})").isEmpty());
-    EXPECT_EQ(f.takePending(), QByteArray(R"({"id":"id_heartbeat"})"));
-    EXPECT_EQ(f.pendingBytes(), 0);
 }
 
 TEST(Utf8, AcceptsWellFormedAndRejectsMalformedSequences)
@@ -247,4 +235,45 @@ TEST(Commands, ControlCommandsAndErrors)
     for (const char *bad : {"resize", "resize x", "mouse 1 2", "mouse 1 2 3 4", "audio maybe", "sleep -1", "heartbeat",
                             "send id_x [1]", "send id_x {", "airplay-config 70000", "mouse 1 2 99999999999 3 4", "frobnicate"})
         EXPECT_EQ(parseCommand(bad, d).kind, CommandKind::Invalid) << bad;
+}
+
+TEST(ReceiverScenario, WaitsForEventsAndChecksTheSafeCode)
+{
+    QFile scenario(velocast::test::freshTempDir() + "/steer.txt");
+    ASSERT_TRUE(scenario.open(QIODevice::WriteOnly));
+    scenario.write("# steer once the cast is asked for\nawait id_permission_request\nresize 2\nawait id_never_sent 50\nstop\n");
+    scenario.close();
+    ReceiverOptions o;
+    o.safeCode = 9;
+    o.control.permission = ControlPolicy::Answer::Manual;
+    o.scenarioPath = scenario.fileName();
+    LoopbackReceiver lr(o, "message_sent", "id");
+    ASSERT_TRUE(lr.started) << lr.error.toStdString();
+    const QStringList &events = lr.events;
+
+    // A code typed for another receiver carries another safe code: refused with msg 2.
+    ControlClient stranger;
+    ASSERT_TRUE(stranger.connectTo(lr.receiver->control()->port()));
+    stranger.send("id_connect_request", {{"name", "pc"}, {"safe_code", "4"}, {"ip", "127.0.0.1"}});
+    const ControlMessage refusal = stranger.next();
+    EXPECT_EQ(refusal.id, "id_connect_refuse");
+    EXPECT_EQ(refusal.property.value("msg").toInt(), 2);
+    EXPECT_TRUE(events.contains("safe_code_mismatch"));
+
+    ControlClient client;
+    ASSERT_TRUE(client.connectTo(lr.receiver->control()->port()));
+    client.send("id_connect_request", {{"name", "pc"}, {"safe_code", 9}, {"ip", "127.0.0.1"}});
+    EXPECT_EQ(client.next().id, "id_connect_allow");
+    // Nothing of the scenario yet: it waits for the permission request.
+    EXPECT_FALSE(events.contains("message_sent:id_codec_resize"));
+    EXPECT_FALSE(events.contains("command_error"));
+    client.send("id_permission_request", {{"type", 2}});
+    const ControlMessage resize = client.next();
+    EXPECT_EQ(resize.id, "id_codec_resize");
+    EXPECT_EQ(resize.property.value("count").toInt(), 2);
+    // The second await times out and the scenario goes on.
+    EXPECT_EQ(client.next().id, "id_permission_disconnect");
+    EXPECT_EQ(events.count("await_timeout"), 1);
+    // Manual permission: the receiver itself sent no answer.
+    EXPECT_TRUE(client.received.isEmpty());
 }

@@ -1,12 +1,12 @@
 // The live view: pointer input in the window becomes id_pc_mk_event messages, and the
 // decoder turns the sender's access units into pictures. Runs on the offscreen platform.
 #include "live_view.h"
-#include "test_media.h"
 
 #include <QApplication>
 #include <QMouseEvent>
 #include <QWheelEvent>
 
+#include <gst/app/gstappsink.h>
 #include <gtest/gtest.h>
 
 #include <condition_variable>
@@ -15,6 +15,35 @@
 using namespace velocast::receiver;
 
 namespace {
+
+// Annex-B access units as the sender pushes them (SPS and PPS before each key frame), from
+// x264enc; empty when the encoder is not installed.
+QList<QByteArray> encodeVideo(int frames, int width, int height)
+{
+    const QByteArray desc = QStringLiteral(
+        "videotestsrc num-buffers=%1 pattern=ball ! video/x-raw,width=%2,height=%3,framerate=30/1 ! "
+        "x264enc speed-preset=ultrafast tune=zerolatency key-int-max=10 bframes=0 threads=1 ! "
+        "video/x-h264,profile=baseline,stream-format=byte-stream,alignment=au ! appsink name=out sync=false")
+                                .arg(frames).arg(width).arg(height).toUtf8();
+    QList<QByteArray> units;
+    GError *error = nullptr;
+    GstElement *pipeline = gst_parse_launch(desc.constData(), &error);
+    if (error) g_error_free(error);
+    if (!pipeline || error) return units;
+    GstElement *sink = gst_bin_get_by_name(GST_BIN(pipeline), "out");
+    gst_element_set_state(pipeline, GST_STATE_PLAYING);
+    while (GstSample *sample = gst_app_sink_pull_sample(GST_APP_SINK(sink))) {
+        GstMapInfo m;
+        gst_buffer_map(gst_sample_get_buffer(sample), &m, GST_MAP_READ);
+        units.append(QByteArray(reinterpret_cast<const char *>(m.data), qsizetype(m.size)));
+        gst_buffer_unmap(gst_sample_get_buffer(sample), &m);
+        gst_sample_unref(sample);
+    }
+    gst_object_unref(sink);
+    gst_element_set_state(pipeline, GST_STATE_NULL);
+    gst_object_unref(pipeline);
+    return units;
+}
 
 class LiveViewTest : public ::testing::Test {
 protected:
@@ -97,8 +126,8 @@ TEST_F(LiveViewTest, WheelNotchesBecomeLines)
 
 TEST_F(LiveViewTest, DecoderTurnsAccessUnitsIntoPictures)
 {
-    const EncodedVideo video = encodeVideo(12, 352, 288);
-    ASSERT_EQ(video.units.size(), 12) << "x264enc is not installed";
+    const QList<QByteArray> video = encodeVideo(12, 352, 288);
+    ASSERT_EQ(video.size(), 12) << "x264enc is not installed";
     std::mutex mutex;
     std::condition_variable cv;
     int pictures = 0;
@@ -113,7 +142,7 @@ TEST_F(LiveViewTest, DecoderTurnsAccessUnitsIntoPictures)
     ASSERT_TRUE(decoder.start(&error)) << error.toStdString();
     // Garbage first: the decoder must skip it and still decode what follows.
     decoder.pushAccessUnit(QByteArray::fromHex("0000000141ffffffff"));
-    for (const QByteArray &au : video.units) decoder.pushAccessUnit(au);
+    for (const QByteArray &au : video) decoder.pushAccessUnit(au);
     std::unique_lock lock(mutex);
     // The appsink keeps at most two pictures queued; a few must come out.
     ASSERT_TRUE(cv.wait_for(lock, std::chrono::seconds(20), [&] { return pictures >= 3; })) << pictures << " pictures";

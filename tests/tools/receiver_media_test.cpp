@@ -1,13 +1,14 @@
-// The receiver's media checks: "4CVA" records, Annex-B access units, audio datagrams and
-// ADTS frames, fed with crafted and damaged bytes.
+// The receiver's media checks, fed with crafted and damaged bytes: "4CVA" records, Annex-B
+// access units, audio datagrams and ADTS frames; then the whole receiver on loopback.
 #include "media_checks.h"
+#include "receiver_test_util.h"
 
 #include <QJsonArray>
-
-#include <gtest/gtest.h>
+#include <QUdpSocket>
 
 using namespace velocast::receiver;
-namespace wire = velocast::wire;
+using namespace velocast::receiver::test;
+using velocast::test::waitUntil;
 
 namespace {
 
@@ -22,44 +23,6 @@ QByteArray idrSlice(int size = 40) { return QByteArray(1, char(0x65)) + QByteArr
 QByteArray pSlice(int size = 20) { return QByteArray(1, char(0x41)) + QByteArray(size - 1, char(0x9a)); }
 QByteArray keyUnit() { return kStart + kSps1080 + kStart + kPps + kStart + idrSlice(); }
 QByteArray deltaUnit() { return kStart + pSlice(); }
-
-QByteArray record(const QByteArray &payload, uint16_t keyFlag, uint32_t lengthField = UINT32_MAX)
-{
-    wire::VideoRecordHeader h;
-    h.payloadLength = lengthField == UINT32_MAX ? uint32_t(payload.size()) : lengthField;
-    h.keyFlag = keyFlag;
-    QByteArray out(int(wire::kRecordHeaderSize), 0);
-    wire::writeVideoRecordHeader(reinterpret_cast<uint8_t *>(out.data()), h);
-    return out + payload;
-}
-
-// ADTS frame as the sender builds it: MPEG-2 AAC LC, 44100 Hz, stereo, no CRC.
-QByteArray adtsFrame(int payloadSize, char fill = 0x21)
-{
-    const int fl = payloadSize + 7;
-    QByteArray h(7, 0);
-    h[0] = char(0xFF);
-    h[1] = char(0xF9);
-    h[2] = char(0x50);
-    h[3] = char(0x80 ^ (fl >> 11));
-    h[4] = char(fl >> 3);
-    h[5] = char((fl << 5) | 0x1F);
-    h[6] = char(0xFC);
-    return h + QByteArray(payloadSize, fill);
-}
-
-QByteArray datagram(uint16_t seq, const QByteArray &payload, uint8_t type = 5, bool first = true, bool last = true, uint8_t drop = 0)
-{
-    wire::DatagramHeader h;
-    h.type = type;
-    h.firstPiece = first;
-    h.lastPiece = last;
-    h.sequence = seq;
-    h.dropPriority = drop;
-    QByteArray out(4, 0);
-    wire::writeDatagramHeader(reinterpret_cast<uint8_t *>(out.data()), h);
-    return out + payload;
-}
 
 // The sender's cut of one frame into datagrams of at most 1,420 payload bytes.
 QList<QByteArray> cutFrame(const QByteArray &frame, uint16_t *seq)
@@ -96,52 +59,40 @@ TEST(VideoRecordParser, RecordsSplitAtEveryPositionComeOutWhole)
     }
 }
 
-TEST(VideoRecordParser, GarbageIsOneBadMagicAndTheNextRecordIsFound)
+TEST(VideoRecordParser, EachFaultIsCountedOnceAndTheNextRecordIsFound)
 {
-    const QByteArray stream = record(keyUnit(), 1) + QByteArray("4CV garbage 4C") + record(deltaUnit(), 0);
-    // Fed byte by byte, the garbage is still one fault.
-    VideoRecordParser p;
-    QList<VideoRecordParser::Record> records;
-    Issues issues;
-    for (char c : stream) p.feed(&c, 1, &records, &issues);
-    p.finish(&issues);
-    EXPECT_EQ(kinds(issues), QList<Violation>{Violation::BadMagic});
-    ASSERT_EQ(records.size(), 2);
-    EXPECT_EQ(records[1].payload, deltaUnit());
-    EXPECT_EQ(p.skippedBytes(), 14);
-}
-
-TEST(VideoRecordParser, LengthFaults)
-{
-    {   // A length above the cap is skipped without waiting for (or buffering) its payload.
-        VideoRecordParser p(1000);
+    QByteArray headerFields = record(deltaUnit(), 2); // keyFlag 2 and a non-zero timestamp
+    headerFields[8] = 1;
+    const uint32_t noCap = VideoRecordParser::kDefaultMaxPayload;
+    const struct {
+        const char *what;
+        QByteArray stream;
+        uint32_t cap;
+        QList<Violation> expected;
+        int records;
+        qint64 skipped;
+    } cases[] = {
+        {"garbage", record(keyUnit(), 1) + "4CV garbage 4C" + record(deltaUnit(), 0), noCap, {Violation::BadMagic}, 2, 14},
+        // skipped without waiting for (or buffering) a payload that never comes
+        {"length above the cap", record(QByteArray(10, 'z'), 0, 5000) + record(deltaUnit(), 0), 1000, {Violation::OversizedRecord}, 1, -1},
+        {"empty, then cut by the end", record({}, 0) + record(keyUnit(), 1).chopped(5), noCap,
+         {Violation::EmptyRecord, Violation::TruncatedRecord}, 0, -1},
+        {"header fields: reported, still delivered", headerFields, noCap, {Violation::HeaderField}, 1, -1},
+    };
+    for (const auto &c : cases) {
+        VideoRecordParser p(c.cap);
         QList<VideoRecordParser::Record> records;
         Issues issues;
-        const QByteArray stream = record(QByteArray(10, 'z'), 0, 5000) + record(deltaUnit(), 0);
-        p.feed(stream.constData(), stream.size(), &records, &issues);
-        EXPECT_EQ(kinds(issues), QList<Violation>{Violation::OversizedRecord});
-        ASSERT_EQ(records.size(), 1);
-        EXPECT_EQ(records[0].payload, deltaUnit());
-    }
-    {   // Empty record, then a record cut by the end of the stream.
-        VideoRecordParser p;
-        QList<VideoRecordParser::Record> records;
-        Issues issues;
-        const QByteArray stream = record({}, 0) + record(keyUnit(), 1).chopped(5);
-        p.feed(stream.constData(), stream.size(), &records, &issues);
+        for (char b : c.stream) p.feed(&b, 1, &records, &issues);
         p.finish(&issues);
-        EXPECT_EQ(kinds(issues), (QList<Violation>{Violation::EmptyRecord, Violation::TruncatedRecord}));
-        EXPECT_TRUE(records.isEmpty());
-    }
-    {   // Non-zero timestamp or keyFlag 2: reported, the record is still delivered.
-        QByteArray r = record(deltaUnit(), 2);
-        r[8] = 1;
-        VideoRecordParser p;
-        QList<VideoRecordParser::Record> records;
-        Issues issues;
-        p.feed(r.constData(), r.size(), &records, &issues);
-        EXPECT_EQ(kinds(issues), QList<Violation>{Violation::HeaderField});
-        EXPECT_EQ(records.size(), 1);
+        EXPECT_EQ(kinds(issues), c.expected) << c.what;
+        ASSERT_EQ(records.size(), c.records) << c.what;
+        if (c.records) {
+            EXPECT_EQ(records.last().payload, deltaUnit()) << c.what;
+        }
+        if (c.skipped >= 0) {
+            EXPECT_EQ(p.skippedBytes(), c.skipped) << c.what;
+        }
     }
 }
 
@@ -231,20 +182,6 @@ TEST(VideoChecker, EachFaultOfAnAccessUnitIsCountedOnce)
     EXPECT_EQ(kinds(issues), QList<Violation>{Violation::FrameBeforeKeyFrame});
 }
 
-TEST(AdtsStream, HeaderMatchesTheSendersBytes)
-{
-    // 371 payload bytes: frame length 378 = 0x17A.
-    EXPECT_EQ(adtsFrame(371).left(7).toHex(), QByteArray("fff950802f5ffc"));
-    AdtsStream s;
-    QList<QByteArray> frames;
-    Issues issues;
-    const QByteArray two = adtsFrame(371) + adtsFrame(0);
-    s.feed(two.constData(), two.size(), &frames, &issues);
-    EXPECT_TRUE(issues.isEmpty());
-    ASSERT_EQ(frames.size(), 2);
-    EXPECT_EQ(frames[1].size(), 7);
-}
-
 TEST(AdtsStream, GarbageBadLengthAndForeignHeaders)
 {
     AdtsStream s;
@@ -255,12 +192,13 @@ TEST(AdtsStream, GarbageBadLengthAndForeignHeaders)
     badLength[5] = char(0x5F);
     QByteArray mono = adtsFrame(10);
     mono[3] = char(0x40); // channel configuration 1
-    const QByteArray stream = QByteArray("junk") + adtsFrame(5) + badLength + adtsFrame(6) + mono;
+    const QByteArray stream = QByteArray("junk") + adtsFrame(5) + badLength + adtsFrame(6) + mono + adtsFrame(0);
     s.feed(stream.constData(), stream.size(), &frames, &issues);
     EXPECT_EQ(kinds(issues), (QList<Violation>{Violation::AdtsBadSync, Violation::AdtsBadLength, Violation::AdtsHeaderField}));
-    ASSERT_EQ(frames.size(), 3);
+    ASSERT_EQ(frames.size(), 4);
     EXPECT_EQ(frames[0], adtsFrame(5));
     EXPECT_EQ(frames[1], adtsFrame(6));
+    EXPECT_EQ(frames[3], adtsFrame(0));
 }
 
 TEST(AudioDatagrams, FramesLongerThanOneDatagramAreReassembled)
@@ -344,4 +282,66 @@ TEST(ViolationTally, CountsByKindWithExamples)
     EXPECT_EQ(r.value("sequence_gap").toObject().value("examples").toArray().size(), 5);
     EXPECT_EQ(r.value("bad_magic").toObject().value("count").toInt(), 1);
     EXPECT_FALSE(r.contains("empty_record"));
+}
+
+TEST(ReceiverLoopback, SurvivesHostileInputAndCountsEachFault)
+{
+    ReceiverOptions o;
+    o.control.maxMessageBytes = 512;
+    o.control.admission = ControlPolicy::Answer::Manual;
+    LoopbackReceiver lr(o, "bad_message", "reason");
+    ASSERT_TRUE(lr.started) << lr.error.toStdString();
+    Receiver &r = *lr.receiver;
+    const QStringList &events = lr.events;
+
+    // A client that sends garbage, an oversized message, bad UTF-8 and a cut message, then vanishes.
+    {
+        QTcpSocket rogue;
+        rogue.connectToHost(QHostAddress::LocalHost, r.control()->port());
+        ASSERT_TRUE(waitUntil([&] { return rogue.state() == QAbstractSocket::ConnectedState; }));
+        rogue.write(QByteArray("\x00\x01{{{#", 6) + QByteArray(5000, '{') + "#\xf0\x28\x8c\x28#" + R"({"id":"id_connect_req)");
+        ASSERT_TRUE(waitUntil([&] { return events.contains("bad_message:bad_utf8"); }));
+        rogue.abort();
+    }
+    ASSERT_TRUE(waitUntil([&] { return events.contains("control_closed"); }));
+    for (const char *reason : {"bad_json", "oversized", "bad_utf8", "unterminated"})
+        EXPECT_EQ(events.count(QStringLiteral("bad_message:") + reason), 1) << reason;
+
+    // A media client that sends a record with a bad magic, one good record, then half a record.
+    {
+        QTcpSocket m;
+        m.connectToHost(QHostAddress::LocalHost, r.media()->port());
+        ASSERT_TRUE(waitUntil([&] { return m.state() == QAbstractSocket::ConnectedState; }));
+        QByteArray bad = record(deltaUnit(), 0);
+        bad[0] = 'X';
+        m.write(bad + record(deltaUnit(), 0) + record(deltaUnit(), 0).left(30));
+        ASSERT_TRUE(waitUntil([&] { return m.bytesToWrite() == 0; }));
+        m.disconnectFromHost();
+    }
+    ASSERT_TRUE(waitUntil([&] { return events.contains("media_closed"); }));
+    // A garbage datagram; then a new cast from a new socket whose sequence starts again at 0: not a fault.
+    const auto audio = [&] { return r.media()->report().value("audio").toObject(); };
+    QUdpSocket garbage, castOne, castTwo;
+    garbage.writeDatagram(QByteArray("\x01", 1), QHostAddress::LocalHost, r.media()->port());
+    ASSERT_TRUE(waitUntil([&] { return audio().value("datagrams").toInt() == 1; }));
+    castOne.writeDatagram(datagram(700, adtsFrame(5)), QHostAddress::LocalHost, r.media()->port());
+    castOne.writeDatagram(datagram(701, adtsFrame(5)), QHostAddress::LocalHost, r.media()->port());
+    ASSERT_TRUE(waitUntil([&] { return audio().value("frames").toInt() == 2; }));
+    castTwo.writeDatagram(datagram(0, adtsFrame(5)), QHostAddress::LocalHost, r.media()->port());
+    ASSERT_TRUE(waitUntil([&] { return audio().value("frames").toInt() == 3; }));
+
+    const QJsonObject v = r.media()->report().value("violations").toObject();
+    for (const char *kind : {"bad_magic", "truncated_record", "frame_before_key_frame", "short_datagram"})
+        EXPECT_EQ(v.value(kind).toObject().value("count").toInt(), 1) << kind;
+    EXPECT_EQ(r.media()->violationCount(), 4);
+
+    // The receiver still serves a well-behaved client, here with manual admission.
+    ControlClient good;
+    ASSERT_TRUE(good.connectTo(r.control()->port()));
+    good.send("id_connect_request", {{"name", "ok"}, {"safe_code", 1}, {"ip", "127.0.0.1"}});
+    ASSERT_TRUE(waitUntil([&] { return events.contains("message_received"); }));
+    r.enqueue({"refuse 1"});
+    const ControlMessage m = good.next();
+    EXPECT_EQ(m.id, "id_connect_refuse");
+    EXPECT_EQ(m.property.value("msg").toInt(), 1);
 }

@@ -36,7 +36,7 @@ protected:
     ConnectHelpController *wizard = nullptr;
 };
 
-TEST_F(ConnectHelpControllerTest, CloseFromPageThreeRemovesAllPagesAndReopensOnPageOne)
+TEST_F(ConnectHelpControllerTest, CloseBackAndDoneRemoveThePagesAndReopenOnPageOne)
 {
     test::LogRecorder log;
     EXPECT_FALSE(wizard->isVisible());
@@ -68,7 +68,20 @@ TEST_F(ConnectHelpControllerTest, CloseFromPageThreeRemovesAllPagesAndReopensOnP
     EXPECT_EQ(wizard->nextPage(), nullptr);
     EXPECT_EQ(wizard->page(), 1);
 
-    // Done on page 3 works the same way.
+    // Back uncovers the previous page and removes the one left.
+    QTest::mouseClick(wizard->nextBtn(), Qt::LeftButton);
+    page2 = wizard->nextPage();
+    QTest::mouseClick(page2->nextBtn(), Qt::LeftButton);
+    page3 = page2->nextPage();
+    QTest::mouseClick(page3->preBtn(), Qt::LeftButton);
+    EXPECT_TRUE(test::waitDeleted(page3));
+    EXPECT_TRUE(page2->isVisible());
+    QTest::mouseClick(page2->preBtn(), Qt::LeftButton);
+    EXPECT_TRUE(test::waitDeleted(page2));
+    EXPECT_TRUE(wizard->isVisible());
+    EXPECT_EQ(wizard->nextPage(), nullptr);
+
+    // Done on page 3 closes it all like the close button.
     QTest::mouseClick(wizard->nextBtn(), Qt::LeftButton);
     QTest::mouseClick(wizard->nextPage()->nextBtn(), Qt::LeftButton);
     QTest::mouseClick(wizard->nextPage()->nextPage()->doneBtn(), Qt::LeftButton);
@@ -77,23 +90,6 @@ TEST_F(ConnectHelpControllerTest, CloseFromPageThreeRemovesAllPagesAndReopensOnP
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
         return wizard->findChildren<ConnectHelpController *>().isEmpty();
     }));
-}
-
-TEST_F(ConnectHelpControllerTest, BackUncoversThePreviousPage)
-{
-    wizard->present();
-    QTest::mouseClick(wizard->nextBtn(), Qt::LeftButton);
-    QPointer<ConnectHelpController> page2 = wizard->nextPage();
-    QTest::mouseClick(page2->nextBtn(), Qt::LeftButton);
-    QPointer<ConnectHelpController> page3 = page2->nextPage();
-
-    QTest::mouseClick(page3->preBtn(), Qt::LeftButton);
-    EXPECT_TRUE(test::waitDeleted(page3));
-    EXPECT_TRUE(page2->isVisible());
-    QTest::mouseClick(page2->preBtn(), Qt::LeftButton);
-    EXPECT_TRUE(test::waitDeleted(page2));
-    EXPECT_TRUE(wizard->isVisible());
-    EXPECT_EQ(wizard->nextPage(), nullptr);
 }
 
 TEST_F(ConnectHelpControllerTest, TitleBarButtonsHiddenWhileTheWizardIsUp)
