@@ -2,6 +2,8 @@
 
 #include "common/log.h"
 
+#include <QTimer>
+
 #include <X11/XKBlib.h>
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
@@ -15,6 +17,8 @@
 #include <optional>
 #include <set>
 #include <vector>
+
+#include <unistd.h>
 
 namespace velocast::input {
 
@@ -66,7 +70,12 @@ std::optional<KeySym> keysymFor(char32_t cp)
 
 class XTestInputInjector final : public InputInjector {
 public:
-    explicit XTestInputInjector(DisplayPtr dpy) : dpy_(std::move(dpy)) { }
+    explicit XTestInputInjector(DisplayPtr dpy) : dpy_(std::move(dpy))
+    {
+        restoreTimer_.setSingleShot(true);
+        restoreTimer_.setInterval(kRestoreAfterMs);
+        QObject::connect(&restoreTimer_, &QTimer::timeout, [this] { restoreSpares(); });
+    }
 
     ~XTestInputInjector() override
     {
@@ -147,7 +156,6 @@ public:
             return;
         }
         const std::vector<KeyCode> modifiers = modifierKeys(flags);
-        size_t next = 0;
         for (qsizetype i = 0; i < text.size(); ++i) {
             char32_t cp = text.at(i).unicode();
             if (QChar::isHighSurrogate(cp) && i + 1 < text.size() && text.at(i + 1).isLowSurrogate()) {
@@ -163,22 +171,15 @@ public:
                 logLine(lcCapture(), QStringLiteral("remote input: U+%1 cannot be typed; skipped").arg(uint(cp), 4, 16, QLatin1Char('0')));
                 continue;
             }
-            // Lend the next spare keycode this keysym on both levels (so Shift does not
-            // change it), type it with the modifiers held. The spares take turns, so a
-            // client that reads the new map late still finds the one it was told about.
-            const KeyCode code = spares_[next];
-            next = (next + 1) % spares_.size();
-            std::array<KeySym, 2> syms{*sym, *sym};
-            XChangeKeyboardMapping(dpy_.get(), code, int(syms.size()), syms.data(), 1);
-            lent_.insert(code);
-            XSync(dpy_.get(), False);
+            const KeyCode code = lend(*sym);
             for (KeyCode m : modifiers) XTestFakeKeyEvent(dpy_.get(), m, True, CurrentTime);
             XTestFakeKeyEvent(dpy_.get(), code, True, CurrentTime);
             XTestFakeKeyEvent(dpy_.get(), code, False, CurrentTime);
             for (auto m = modifiers.rbegin(); m != modifiers.rend(); ++m) XTestFakeKeyEvent(dpy_.get(), *m, False, CurrentTime);
             XSync(dpy_.get(), False);
         }
-        restoreSpares();
+        // The lent keycodes go back to "no symbol" once typing has stopped for a while.
+        restoreTimer_.start();
     }
 
     void releaseButtons() override
@@ -206,12 +207,46 @@ private:
         }
     }
 
+    // A keycode that types sym: the one already lent it, else a spare not lent yet, else the
+    // one used longest ago.
+    //
+    // Clients read a changed keyboard map when they get to its change notice, which comes
+    // before our key event in their queue, so a keycode keeps its keysym until typing has
+    // stopped for a while: a client that reads the map late still finds what it was told
+    // about. Lending a keycode again while typing (more distinct characters than spares)
+    // cannot know how far behind the clients are; a short pause gives them a chance.
+    KeyCode lend(KeySym sym)
+    {
+        if (auto it = std::find_if(lent_.begin(), lent_.end(), [sym](const Lent &l) { return l.sym == sym; }); it != lent_.end()) {
+            const Lent l = *it;
+            lent_.erase(it);
+            lent_.push_back(l);
+            return l.code;
+        }
+        KeyCode code = 0;
+        if (lent_.size() < spares_.size()) {
+            code = spares_[lent_.size()];
+        } else {
+            code = lent_.front().code;
+            lent_.erase(lent_.begin());
+            XSync(dpy_.get(), False);
+            usleep(kRelendPauseUs);
+        }
+        // The keysym on both levels, so that Shift does not change it.
+        std::array<KeySym, 2> syms{sym, sym};
+        XChangeKeyboardMapping(dpy_.get(), code, int(syms.size()), syms.data(), 1);
+        XSync(dpy_.get(), False);
+        lent_.push_back({sym, code});
+        return code;
+    }
+
     void restoreSpares()
     {
+        restoreTimer_.stop();
         if (lent_.empty()) return;
-        for (KeyCode code : lent_) {
+        for (const Lent &l : lent_) {
             KeySym none = NoSymbol;
-            XChangeKeyboardMapping(dpy_.get(), code, 1, &none, 1);
+            XChangeKeyboardMapping(dpy_.get(), l.code, 1, &none, 1);
         }
         lent_.clear();
         XSync(dpy_.get(), False);
@@ -233,14 +268,22 @@ private:
         return keys;
     }
 
-    static constexpr size_t kSpareCount = 8;
+    static constexpr size_t kSpareCount = 32;
+    static constexpr useconds_t kRelendPauseUs = 20000;
+    static constexpr int kRestoreAfterMs = 2000;
+
+    struct Lent {
+        KeySym sym;
+        KeyCode code;
+    };
 
     DisplayPtr dpy_;
     QPoint origin_;
     std::set<unsigned> held_;
     std::vector<KeyCode> spares_;
     bool sparesKnown_ = false;
-    std::set<KeyCode> lent_;
+    std::vector<Lent> lent_; // least recently used first
+    QTimer restoreTimer_;
 };
 
 } // namespace
