@@ -92,6 +92,8 @@ struct ActionCase {
     const char *atCastEnd; // what ending the cast lets go
 };
 
+void PrintTo(const ActionCase &c, std::ostream *os) { *os << c.name; }
+
 class ActionCodes : public ::testing::TestWithParam<ActionCase> { };
 
 TEST_P(ActionCodes, DeliverWhatTheHeldButtonAllows)
