@@ -314,7 +314,10 @@ std::unique_ptr<InputInjector> makeInputInjector(QString *why)
                                               : QStringLiteral("no display (DISPLAY is not set)");
         return nullptr;
     }
-    return makeXTestInputInjector(QString(), why);
+    auto injector = makeXTestInputInjector(QString(), why);
+    if (injector && std::getenv("WAYLAND_DISPLAY"))
+        logLine(lcCapture(), QStringLiteral("remote input: Wayland session, injecting through XWayland; only X11 windows will see it"));
+    return injector;
 }
 
 } // namespace velocast::input
