@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs every test: the whole suite in the default
 # build, then the tests labelled "asan" again under AddressSanitizer + UBSan.
-# Set VELOCAST_SKIP_ASAN=1 to run only the default build (quicker while working).
+# Then ThreadSanitizer on the control, push and casting-session suites, and each fuzz target
+# for a few seconds (clang, scripts/fuzz.sh). The default run includes the cast soak.
+# Set VELOCAST_SKIP_ASAN=1, VELOCAST_SKIP_TSAN=1 or VELOCAST_SKIP_FUZZ=1 to leave a step out.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
@@ -30,5 +32,18 @@ if [ "${VELOCAST_SKIP_ASAN:-0}" != 1 ]; then
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
         ctest --preset asan -L asan -j2 || status=1
 fi
+if [ "${VELOCAST_SKIP_TSAN:-0}" != 1 ]; then
+    # ThreadSanitizer on the control, push and casting-session suites (tests/tsan.supp).
+    bash scripts/build.sh tsan --target control_tests push_tests capture_session_tests
+    TSAN_OPTIONS="suppressions=$root/tests/tsan.supp halt_on_error=1 second_deadlock_stack=1" \
+        ctest --test-dir build-tsan -R '^(NetControl|NetStream|MsgHeart|ConnectionSession|ConnectCode|QueBuf|TcpClient|UdpSender|PushApi|MacScreenCapture)' -j2 || status=1
+fi
+
+if [ "${VELOCAST_SKIP_FUZZ:-0}" != 1 ]; then
+    # Each fuzz target for a short fixed time (about a minute in all); scripts/fuzz.sh SECONDS
+    # runs them longer.
+    bash scripts/fuzz.sh 12 || status=1
+fi
+
 echo "test.sh: finished in $(( $(date +%s) - start )) s, status $status"
 exit $status

@@ -37,6 +37,14 @@ struct GstObjectUnref {
     void operator()(gpointer o) const { gst_object_unref(o); }
 };
 
+// What a bus sync handler returns for a message it consumed: a dropped message is the
+// handler's to release, and one kept alive holds its source (and so the whole pipeline).
+inline GstBusSyncReply dropMessage(GstMessage *message)
+{
+    gst_message_unref(message);
+    return GST_BUS_DROP;
+}
+
 // Stops the pipeline first (which joins its streaming threads), then drops our reference.
 struct PipelineDeleter {
     void operator()(GstElement *p) const

@@ -59,6 +59,7 @@ void H264HWEncoder::encode(const MediaSample &picture)
 {
     if (unable_.load()) return;
     std::lock_guard lock(mutex_);
+    if (unable_.load()) return; // disabled while we waited: the flush runs without the lock
     if (!session_) {
         logLine(lcCapture(), QStringLiteral("VTencode session null"));
         initSessionLocked(picture);
@@ -131,8 +132,14 @@ void H264HWEncoder::initSessionLocked(const MediaSample &picture)
 
 void H264HWEncoder::invalidate()
 {
-    std::lock_guard lock(mutex_);
-    invalidateLocked();
+    // The flush waits for the encoder (up to its time-out) without the lock: the capture
+    // thread's encode() must not wait behind it.
+    std::unique_ptr<H264EncoderSession> closing;
+    {
+        std::lock_guard lock(mutex_);
+        closing = std::move(session_);
+    }
+    if (closing) closing->completeFrames();
 }
 
 void H264HWEncoder::invalidateLocked()

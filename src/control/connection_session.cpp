@@ -242,8 +242,10 @@ void ConnectionSession::brokenWithNotice()
     logLine(lcControl(), QStringLiteral("brokenWithNotice"));
 }
 
-// Closing locally raises no NETCONTROL_DISCONNECT; the panel took itself off already.
-void ConnectionSession::disConnect() { control_.disConnect(); }
+// Closing locally raises no NETCONTROL_DISCONNECT; the panel took itself off already. The
+// channel closes only once every observer of the user's disconnect has run, whatever the
+// order they subscribed in: the casting session's "id_permission_disconnect" goes out first.
+void ConnectionSession::disConnect() { control_.disConnectSoon(); }
 
 void ConnectionSession::sendRenameMsg(const QVariant &object)
 {

@@ -315,6 +315,25 @@ void NetControl::disConnect()
     closeStream();
 }
 
+void NetControl::disConnectSoon()
+{
+    startBeatHeart(false);
+    std::weak_ptr<NetStream> current = stream();
+    std::weak_ptr<NetControl *> weak = life_;
+    runOnMainThread([weak, current] {
+        auto self = weak.lock();
+        const auto s = current.lock();
+        if (!self || !s) return;
+        {
+            std::lock_guard lock((*self)->mutex_);
+            // A connect made meanwhile has its own stream: leave it alone.
+            if ((*self)->stream_ != s) return;
+            (*self)->stream_.reset();
+        }
+        s->closeStream();
+    });
+}
+
 void NetControl::cancelConnect()
 {
     if (isMainThread()) {

@@ -82,6 +82,9 @@ public:
     void startBeatHeart(bool start);
     void closeStream();
     void disConnect();
+    // The heartbeat stops now; the stream closes on the main thread's next turn, so what
+    // the other observers of the notification being delivered send still goes out first.
+    void disConnectSoon();
     void cancelConnect();
     void connectFaild(const ResultBlock &result);
 

@@ -66,7 +66,40 @@ int cancellableConnect(int fd, const sockaddr_in &addr, int cancelFd)
     return rc;
 }
 
+// Control writes never run on the caller's thread: a write to a receiver that stopped
+// reading blocks for up to the 3 s send time-out, and the caller is usually the window's.
+// One process-wide queue keeps every message in the order it was sent, and a close queued
+// behind them lets the messages sent before it go out first.
+SerialQueue &writeQueue()
+{
+    static SerialQueue queue("control write");
+    return queue;
+}
+
+// Messages waiting on the write queue per connection, at most; more are dropped (logged).
+constexpr int kMaxPendingWrites = 256;
+
 } // namespace
+
+// The connected socket as the write queue sees it.
+struct NetStream::Writer {
+    explicit Writer(std::shared_ptr<Fd> s) : socket(std::move(s)) { }
+    std::shared_ptr<Fd> socket;
+    std::atomic<int> pending{0};
+    // Set once a write timed out: the peer stopped reading and the message on the wire was
+    // cut, so nothing after it can be framed; later writes are skipped.
+    std::atomic<bool> stuck{false};
+
+    void write(const QByteArray &data)
+    {
+        if (stuck.load()) return;
+        const ssize_t n = ::write(socket->fd, data.constData(), size_t(data.size()));
+        if ((n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) || (n >= 0 && n < data.size())) {
+            stuck.store(true);
+            logLine(lcControl(), QStringLiteral("control stream: the receiver stopped reading; later messages are dropped"));
+        }
+    }
+};
 
 // One connection attempt: the socket and the eventfd that cancels its connect. Shared by
 // the stream and the socket queue so neither closes a descriptor the other still uses.
@@ -84,7 +117,7 @@ struct NetStream::Attempt {
 
 // Main-thread watchers of the connected socket. Lives and dies on the main thread.
 struct NetStream::Link {
-    explicit Link(std::shared_ptr<Fd> s) : socket(std::move(s)) { }
+    explicit Link(std::shared_ptr<Fd> s) : socket(s), output(std::make_shared<Writer>(std::move(s))) { }
     ~Link()
     {
         // The notifiers may be the ones whose signal is being handled right now.
@@ -95,6 +128,7 @@ struct NetStream::Link {
         }
     }
     std::shared_ptr<Fd> socket;
+    std::shared_ptr<Writer> output; // what the write queue holds
     QSocketNotifier *reader = nullptr;
     QSocketNotifier *writer = nullptr;
 };
@@ -292,15 +326,24 @@ void NetStream::onReadable()
 
 void NetStream::sendData(const QByteArray &data)
 {
-    std::shared_ptr<Fd> socket;
+    std::shared_ptr<Writer> writer;
     {
         std::lock_guard lock(mutex_);
         if (!connected_ || !link_) return;
-        socket = link_->socket;
+        writer = link_->output;
+    }
+    if (writer->pending.fetch_add(1) >= kMaxPendingWrites) {
+        writer->pending.fetch_sub(1);
+        logLine(lcControl(), QStringLiteral("control stream: %1 messages wait to be written; one of %2 bytes is dropped")
+                                 .arg(kMaxPendingWrites).arg(data.size()));
+        return;
     }
     // One write, not retried: control messages are small and a stuck peer is bounded by
-    // the send time-out. The result is deliberately not looked at.
-    [[maybe_unused]] ssize_t n = ::write(socket->fd, data.constData(), size_t(data.size()));
+    // the send time-out.
+    writeQueue().post([writer, data] {
+        writer->write(data);
+        writer->pending.fetch_sub(1);
+    });
 }
 
 void NetStream::closeStream()
@@ -317,11 +360,17 @@ void NetStream::closeStream()
     }
     if (attempt) attempt->cancelConnect(); // the socket queue lets go of its copy when it wakes
     if (link) {
-        // Wakes a writer blocked on another thread; the descriptor itself is closed when
-        // the last holder lets go.
-        ::shutdown(link->socket->fd, SHUT_RDWR);
+        // Behind the messages already sent; the descriptor itself is closed when the last
+        // holder lets go.
+        writeQueue().post([socket = link->socket] { ::shutdown(socket->fd, SHUT_RDWR); });
         dropLink(std::move(link));
     }
+}
+
+int NetStream::pendingWrites() const
+{
+    std::lock_guard lock(mutex_);
+    return link_ ? link_->output->pending.load() : 0;
 }
 
 void NetStream::dropLink(std::unique_ptr<Link> link)

@@ -41,11 +41,15 @@ public:
 
     // Starts the attempt; handle is told the first outcome, once, unless closeStream() comes first.
     void createStreamWithHost(const QString &host, quint32 port, HandleBlock handle);
-    // One blocking write of the whole buffer when connected (bounded by the 3 s send
-    // time-out); dropped silently otherwise. Any thread.
+    // Queues one write of the whole buffer when connected, dropped silently otherwise; returns
+    // at once. The writes run in order on the process's "control write" thread, each bounded
+    // by the 3 s send time-out. Any thread.
     void sendData(const QByteArray &data);
-    // Tears the connection down; no outcome is reported afterwards. Safe to repeat, any thread.
+    // Tears the connection down; no outcome is reported afterwards. Messages sent before
+    // still go out, then the socket is shut down. Safe to repeat, any thread.
     void closeStream();
+    // Messages queued and not yet written (diagnostics and tests).
+    int pendingWrites() const;
 
     bool isConnected() const { return connected_.load(); }
     // The descriptor while this object still owns it directly (before the watchers took
@@ -61,6 +65,7 @@ public:
 private:
     struct Attempt;
     struct Link;
+    struct Writer;
     NetStream();
 
     static void createSocketToHost(const std::weak_ptr<NetStream> &weak, const QString &host, quint32 port);

@@ -7,15 +7,24 @@
 #include "common/notification_center.h"
 #include "common/lenient_value.h"
 #include "common/notification_names.h"
+#include "control/connection_session.h"
 #include "control/net_control.h"
 #include "media_test_support.h"
 #include "push/bridge/camera_encoder.h"
+#include "support/loopback_peer.h"
 #include "support/reference_receiver.h"
 #include "support/test_support.h"
 
 #include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QLoggingCategory>
+#include <QTimer>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -23,6 +32,7 @@
 #include <iostream>
 
 using namespace velocast;
+using velocast::test::HangingListener;
 using velocast::test::LogRecorder;
 using velocast::test::ReferenceReceiver;
 using velocast::test::waitUntil;
@@ -228,25 +238,145 @@ TEST(MacScreenCapture, ReceiverDisconnectOfTheScreenTypeOnlyEndsTheRequest)
     EXPECT_TRUE(capture.isPause());
 }
 
-TEST(MacScreenCapture, TwoStartsWithoutAStopHandleEachMessageTwice)
+TEST(MacScreenCapture, RequestsInAnyOrderListenOnceAndAnyStopEndsListening)
 {
     Link link({"--permission", "manual"});
     REQUIRE_LINK(link);
     MacScreenCapture capture(noBackend);
-    capture.startPut();
-    capture.startPut();
-    ASSERT_TRUE(link.receivedCount("id_permission_request", 2));
-    EXPECT_EQ(capture.listeningCount(), 2);
-    LogRecorder log;
-    link.receiver.command("mouse 1 10 20 1920 1080 0 0");
     const QString line = "mouseEventWithType: type 1 x 10 y 20 width 1920 height 1080 wheel_x 0 wheel_y 0 dropped: no cast is running";
-    ASSERT_TRUE(waitUntil([&] { return log.lines().count(line) == 2; })) << log.lines().join('\n').toStdString();
+    int requests = 0;
+    // start, start; refused; start, stop while nothing casts; start, cancelled by the
+    // receiver: each round ends with exactly one observation, or none after an ending.
+    struct Round {
+        const char *name;
+        int starts;
+        std::function<void()> end;
+    };
+    const Round rounds[] = {
+        {"twice", 2, nullptr},
+        {"after a refusal", 1, [&] { link.receiver.command("deny 2"); }},
+        {"after a stop with nothing casting", 1, [&] { capture.stopPut(); }},
+        {"after the receiver's disconnect", 1, [&] { link.receiver.command("stop"); }},
+    };
+    for (const Round &r : rounds) {
+        if (r.end) {
+            r.end();
+            ASSERT_TRUE(waitUntil([&] { return capture.listeningCount() == 0; })) << r.name;
+        }
+        for (int i = 0; i < r.starts; ++i) capture.startPut();
+        requests += r.starts;
+        ASSERT_TRUE(link.receivedCount("id_permission_request", requests)) << r.name;
+        EXPECT_EQ(capture.listeningCount(), 1) << r.name;
+        LogRecorder log;
+        link.receiver.command("mouse 1 10 20 1920 1080 0 0");
+        link.receiver.command("pause"); // a marker: every delivery of the mouse event is over
+        ASSERT_TRUE(waitUntil([&] { return capture.isPause(); })) << r.name;
+        // The line is written on the main thread's next turn; a second one would come with it.
+        ASSERT_TRUE(waitUntil([&] { return log.lines().count(line) >= 1; })) << r.name;
+        link.receiver.command("resume");
+        ASSERT_TRUE(waitUntil([&] { return !capture.isPause(); })) << r.name;
+        EXPECT_EQ(log.lines().count(line), 1) << r.name;
+    }
     // Lenient values: strings, booleans and missing keys.
+    LogRecorder log;
     link.receiver.command(R"(send id_pc_mk_event {"type":"9","x":true,"wheel_y":"-3"})");
     const QString lenient = "mouseEventWithType: type 9 x 1 y 0 width 0 height 0 wheel_x 0 wheel_y -3 dropped: no cast is running";
-    ASSERT_TRUE(waitUntil([&] { return log.lines().count(lenient) == 2; })) << log.lines().join('\n').toStdString();
+    ASSERT_TRUE(waitUntil([&] { return log.lines().count(lenient) == 1; })) << log.lines().join('\n').toStdString();
     capture.listenMsg(false);
     EXPECT_EQ(capture.listeningCount(), 0);
+}
+
+// A window-less stand-in for the main window: the connection session only needs somewhere to
+// put its effects.
+struct NullView : ConnectionSessionView {
+    void reSetTextFields() override { }
+    void setLoadingVisible(bool) override { }
+    void setTipVisible(bool, const QString &) override { }
+    void showCastingPanel(const QString &) override { }
+    void setCastingPanelName(const QString &) override { }
+    void removeCastingPanel() override { }
+};
+
+TEST(MacScreenCapture, UserDisconnectTellsTheReceiverBeforeTheChannelCloses)
+{
+    Link link;
+    REQUIRE_LINK(link);
+    // The connection session subscribes first, as in the program.
+    NullView view;
+    ConnectionSession session(view, link.control);
+    MacScreenCapture capture(noBackend);
+    NotificationCenter::defaultCenter().post(notice::NOTICE_DISCONNECT);
+    ASSERT_TRUE(link.receiver.waitForEvent("control_closed"));
+    ASSERT_EQ(link.receiver.received("id_permission_disconnect").size(), 1);
+    EXPECT_TRUE(isScreenType(link.receiver.received("id_permission_disconnect").first()));
+    EXPECT_FALSE(link.control.stream());
+}
+
+// Watches the main thread's event loop: the longest time between two of its turns.
+struct LoopWatch {
+    LoopWatch()
+    {
+        timer.setTimerType(Qt::PreciseTimer);
+        QObject::connect(&timer, &QTimer::timeout, [this] {
+            const auto now = std::chrono::steady_clock::now();
+            longest = std::max(longest, std::chrono::duration_cast<std::chrono::milliseconds>(now - last));
+            last = now;
+        });
+        timer.start(5);
+    }
+    std::chrono::milliseconds reset()
+    {
+        const auto l = longest;
+        longest = {};
+        last = std::chrono::steady_clock::now();
+        return l;
+    }
+    QTimer timer;
+    std::chrono::steady_clock::time_point last = std::chrono::steady_clock::now();
+    std::chrono::milliseconds longest{0};
+};
+
+constexpr auto kLongestStall = 100ms;
+
+TEST(MacScreenCapture, AReceiverThatStopsReadingDoesNotStallTheWindow)
+{
+    // A control port that takes the connection (the kernel's backlog) and never reads.
+    const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+    ASSERT_EQ(::listen(listener, 4), 0);
+    socklen_t len = sizeof addr;
+    ::getsockname(listener, reinterpret_cast<sockaddr *>(&addr), &len);
+    NetControl control;
+    control.setControlPort(ntohs(addr.sin_port));
+    bool done = false, connected = false;
+    control.connect("127.0.0.1", [&](bool ok) {
+        connected = ok;
+        done = true;
+    });
+    ASSERT_TRUE(waitUntil([&] { return done; }, 10s));
+    ASSERT_TRUE(connected);
+
+    // Far more than the socket buffers hold: the writes block until the send time-out. Only
+    // the write path is measured: one message per turn of the loop, and not the logging of
+    // each 64 KB message.
+    QLoggingCategory::setFilterRules(QStringLiteral("velocast.control.info=false"));
+    LoopWatch watch;
+    const QString big(64 * 1024, QChar(u'x'));
+    for (int i = 0; i < 100; ++i) {
+        NotificationCenter::defaultCenter().post(notice::NETCONTROL_SEND,
+                                                 QVariantMap{{"id", "id_bulk"}, {"property", QVariantMap{{"fill", big}}}});
+        velocast::test::spinFor(1ms);
+    }
+    // The writer gave up on the stuck receiver: what is left is dropped quickly.
+    ASSERT_TRUE(waitUntil([&] { return control.stream()->pendingWrites() == 0; }, 20s));
+    control.disConnect();
+    velocast::test::spinFor(50ms);
+    QLoggingCategory::setFilterRules(QString());
+    EXPECT_LT(watch.reset(), kLongestStall);
+    ::close(listener);
 }
 
 // --- Real capture ---------------------------------------------------------------------------
@@ -278,6 +408,96 @@ TEST(MacScreenCaptureCast, WithoutAnXDisplayTheCastDoesNotStart)
     EXPECT_FALSE(capture.isPutting());
     EXPECT_EQ(capture.cameraEncoder(), nullptr);
     EXPECT_TRUE(log.lines().join('\n').contains("cannot capture the screen: no X display")) << log.lines().join('\n').toStdString();
+}
+
+// Records NOTICE_SCREENCAPTURESTATE.
+struct StateRecorder {
+    QList<QVariantList> states;
+    Observation o = NotificationCenter::defaultCenter().addObserver(notice::NOTICE_SCREENCAPTURESTATE,
+                                                                    [this](const QVariant &v) { states << v.toList(); });
+};
+
+TEST(MacScreenCaptureCast, WithoutAScreenTheAllowedCastEndsOnBothSides)
+{
+    Link link; // grants at once
+    REQUIRE_LINK(link);
+    const char *display = std::getenv("DISPLAY");
+    const QByteArray saved = display ? QByteArray(display) : QByteArray();
+    unsetenv("DISPLAY");
+    MacScreenCapture capture;
+    BeStopCounter stops;
+    StateRecorder state;
+    capture.startPut();
+    const bool ended = link.receivedCount("id_permission_disconnect", 1);
+    const bool panelTold = waitUntil([&] { return stops.count == 1 && !state.states.isEmpty(); });
+    if (!saved.isNull()) setenv("DISPLAY", saved.constData(), 1);
+    ASSERT_TRUE(ended) << "the receiver is told the granted cast is over";
+    EXPECT_TRUE(isScreenType(link.receiver.received("id_permission_disconnect").first()));
+    ASSERT_TRUE(panelTold);
+    ASSERT_EQ(state.states.first().size(), 2);
+    EXPECT_FALSE(state.states.first().at(0).toBool());
+    EXPECT_FALSE(state.states.first().at(1).toString().isEmpty()) << "a toast says why";
+    EXPECT_FALSE(capture.isPutting());
+    EXPECT_EQ(capture.listeningCount(), 0);
+}
+
+TEST(MacScreenCaptureCast, LosingTheReceiverStopsTheCastAndTheNextAllowStartsOne)
+{
+    REQUIRE_DISPLAY();
+    CastRig rig;
+    REQUIRE_LINK(rig.link);
+    MacScreenCapture &capture = rig.capture;
+    capture.startPut();
+    ASSERT_TRUE(waitUntil([&] { return capture.isPutting(); }, 20s));
+    ASSERT_TRUE(rig.link.receiver.waitForEvent("media_connected", {}, 20s));
+    push::CameraEncoder *first = capture.cameraEncoder();
+
+    NotificationCenter::defaultCenter().post(notice::NETCONTROL_CONNECTBROKEN);
+    ASSERT_TRUE(waitUntil([&] { return !capture.isPutting() && capture.castQueueIdle(); }));
+    EXPECT_FALSE(first->isRunning());
+    EXPECT_EQ(capture.listeningCount(), 0);
+    ASSERT_TRUE(rig.link.receiver.waitForEvent("media_closed"));
+
+    capture.startPut();
+    ASSERT_TRUE(waitUntil([&] { return rig.link.receiver.count("media_connected") == 2; }, 20s));
+    EXPECT_TRUE(capture.isPutting());
+    capture.stopPut();
+    ASSERT_TRUE(waitUntil([&] { return capture.castQueueIdle(); }));
+}
+
+TEST(MacScreenCaptureCast, ASilentMediaPortAndResizingDoNotStallTheWindow)
+{
+    REQUIRE_DISPLAY();
+    CastRig rig;
+    REQUIRE_LINK(rig.link);
+    MacScreenCapture &capture = rig.capture;
+    LoopWatch watch;
+    {
+        // The push's connect waits its full time for a port that drops connection attempts.
+        HangingListener silent;
+        capture.setVPort(silent.port());
+        capture.startPut();
+        ASSERT_TRUE(waitUntil([&] { return capture.isPutting() && capture.castQueueIdle(); }, 20s));
+        EXPECT_LT(watch.reset(), kLongestStall) << "starting against a silent media port";
+        capture.stopPut();
+        ASSERT_TRUE(waitUntil([&] { return capture.castQueueIdle(); }));
+        EXPECT_LT(watch.reset(), kLongestStall) << "stopping";
+    }
+    capture.setVPort(rig.link.receiver.mediaPort());
+    capture.startPut();
+    ASSERT_TRUE(rig.link.receiver.waitForEvent("media_connected", {}, 20s));
+    ASSERT_TRUE(waitUntil([&] { return rig.capture.sampleCounts().videoForwarded > 10; }, 20s));
+    watch.reset();
+    capture::H264HWEncoder *h264 = capture.cameraEncoder()->h264Encoder();
+    for (const char *count : {"resize 2", "resize 7", "resize 1"}) {
+        rig.link.receiver.command(count);
+        const int64_t rate = count[7] == '2' ? 2000000 : count[7] == '7' ? 1333333 : 4000000;
+        ASSERT_TRUE(waitUntil([&] { return h264->bitrate() == rate && capture.castQueueIdle(); }, 20s)) << count;
+        velocast::test::spinFor(200ms); // pictures at the new size
+    }
+    EXPECT_LT(watch.reset(), kLongestStall) << "resizing";
+    capture.stopPut();
+    ASSERT_TRUE(waitUntil([&] { return capture.castQueueIdle(); }));
 }
 
 TEST(MacScreenCaptureCast, AllowedCastReachesTheReceiverAndFollowsItsCommands)
@@ -381,6 +601,7 @@ TEST(MacScreenCaptureCast, AppStopThenANewCastBuildsAFreshCaptureWithAudioOff)
     ASSERT_TRUE(waitUntil([&] { return !capture.isPutting(); }));
     ASSERT_TRUE(rig.link.receivedCount("id_permission_disconnect", 1));
     EXPECT_TRUE(isScreenType(rig.link.receiver.received("id_permission_disconnect").value(0)));
+    ASSERT_TRUE(waitUntil([&] { return capture.castQueueIdle(); }));
     EXPECT_FALSE(first->isRunning());
     ASSERT_TRUE(rig.link.receiver.waitForEvent("media_closed"));
 

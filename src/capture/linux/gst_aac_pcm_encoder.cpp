@@ -115,7 +115,7 @@ private:
             static_cast<GstAacPcmEncoder *>(self)->failed_.store(true);
             logLine(lcCapture(), QStringLiteral("AAC encoder error: %1").arg(QString::fromStdString(describeError(message))));
         }
-        return GST_BUS_DROP;
+        return dropMessage(message);
     }
 
     const std::string name_;

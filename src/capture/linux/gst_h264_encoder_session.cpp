@@ -352,7 +352,7 @@ private:
     // Runs on the thread that posted the message; flags, reports and returns.
     static GstBusSyncReply onBusMessage(GstBus *, GstMessage *message, gpointer self)
     {
-        if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR) return GST_BUS_DROP;
+        if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR) return dropMessage(message);
         auto *that = static_cast<GstH264EncoderSession *>(self);
         {
             std::lock_guard lock(that->mutex_);
@@ -360,7 +360,7 @@ private:
         }
         that->flushed_.notify_all();
         if (that->onError_) that->onError_(describeError(message));
-        return GST_BUS_DROP;
+        return dropMessage(message);
     }
 
     const EncoderProfile &profile_;

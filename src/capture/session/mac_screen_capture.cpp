@@ -9,6 +9,8 @@
 #include "push/bridge/camera_encoder.h"
 #include "push/push_api.h"
 
+#include <QVariantList>
+
 #include <cmath>
 
 namespace velocast {
@@ -26,6 +28,9 @@ const QString kPcMkEvent = QStringLiteral("id_pc_mk_event");
 
 // The screen-casting road's type in the permission messages.
 constexpr int kScreenType = 2;
+
+// The toast when the screen cannot be captured (the reason itself goes to the log).
+const QString kCaptureUnavailable = QStringLiteral("无法获取屏幕画面，投屏已停止");
 
 QVariantMap screenMessage(const QString &id)
 {
@@ -72,7 +77,8 @@ MacScreenCapture &MacScreenCapture::shareCapture()
 }
 
 MacScreenCapture::MacScreenCapture(BackendFactory backendFactory)
-    : backendFactory_(std::move(backendFactory)), life_(std::make_shared<MacScreenCapture *>(this))
+    : backendFactory_(std::move(backendFactory)), castQueue_(std::make_unique<SerialQueue>("cast queue")),
+      life_(std::make_shared<MacScreenCapture *>(this))
 {
     logLine(lcCapture(), QStringLiteral("-[MacScreenCapture init]"));
     aPort_.store(kDefaultPort);
@@ -88,6 +94,8 @@ MacScreenCapture::~MacScreenCapture()
     listenMsg(false);
     life_.reset();
     if (isPutting_.load()) input::MouseEvent::castEnded();
+    // Lets the step in progress finish; queued ones are dropped and done below instead.
+    castQueue_.reset();
     std::lock_guard lock(sessionMutex_);
     releaseCaptureSession();
     if (auto enc = encoder()) {
@@ -104,6 +112,13 @@ void MacScreenCapture::addNotice()
     notices_.push_back(center.addObserver(QString::fromLatin1(notice::NOTICE_STARTSCREENCAPTURE), [this](const QVariant &) { startPut(); }));
     for (const char *name : {notice::NOTICE_STOPSCREENCAPTURE, notice::NOTICE_BEDISCONNECT, notice::NOTICE_DISCONNECT})
         notices_.push_back(center.addObserver(QString::fromLatin1(name), [this](const QVariant &) { stopPut(); }));
+    // Our own rule: a receiver lost to the heartbeat ends the cast too, or capture and the
+    // push would go on to nobody and the next allow would find a cast still running. There
+    // is no channel left to tell the receiver on.
+    notices_.push_back(center.addObserver(QString::fromLatin1(notice::NETCONTROL_CONNECTBROKEN), [this](const QVariant &) {
+        logLine(lcCapture(), QStringLiteral("the receiver is lost; the cast stops"));
+        stopPutFouction();
+    }));
 }
 
 // --- Requests from the application -------------------------------------------------------
@@ -124,10 +139,20 @@ void MacScreenCapture::startPutFuction()
 {
     std::lock_guard lock(sessionMutex_);
     if (isPutting_.load()) return;
+    const uint64_t generation = generation_.load();
     // Audio stays off until the receiver asks for it.
     isAudioUse_.store(false);
     if (!captureSession_) configScreenCapture();
-    if (!captureSession_) return; // configScreenCapture said why
+    if (!captureSession_) {
+        // configScreenCapture said why. The receiver granted a cast that will not come and
+        // the panel already shows it running: end it on both sides.
+        std::weak_ptr<MacScreenCapture *> weak = life_;
+        runOnMainThread([weak, generation] {
+            const auto life = weak.lock();
+            if (life && (*life)->generation_.load() == generation) (*life)->captureFailed();
+        });
+        return;
+    }
     isPutting_.store(true);
     captureSession_->startRunning();
     if (auto enc = encoder()) enc->startLiving(ipStr(), vPort_.load(), aPort_.load());
@@ -141,26 +166,48 @@ void MacScreenCapture::startPutFuction()
     input::MouseEvent::castStarted();
 }
 
+void MacScreenCapture::captureFailed()
+{
+    stopPut();
+    auto &center = NotificationCenter::defaultCenter();
+    center.post(QString::fromLatin1(notice::NOTICE_BESTOPSCREENCAPTURE));
+    center.post(QString::fromLatin1(notice::NOTICE_SCREENCAPTURESTATE), QVariantList{false, kCaptureUnavailable});
+}
+
 void MacScreenCapture::stopPutFouction()
 {
-    if (!isPutting_.load()) return;
+    // Every stop ends listening and voids a start still waiting on the cast queue.
+    generation_.fetch_add(1);
+    listenMsg(false);
+    if (!isPutting_.exchange(false)) {
+        // A start may be running on the cast queue right now: the step below undoes it.
+        if (castSteps_.load() == 0) return;
+    }
     isAudioUse_.store(false);
     // No pointer event from the receiver acts after this; a button it holds is let go.
     input::MouseEvent::castEnded();
-    std::weak_ptr<MacScreenCapture *> weak = life_;
-    runOnMainThread([weak] {
-        const auto life = weak.lock();
-        if (!life) return;
-        MacScreenCapture *self = *life;
-        self->listenMsg(false);
-        std::lock_guard lock(self->sessionMutex_);
-        self->isPutting_.store(false);
+    runOnCastQueue([this] {
+        std::lock_guard lock(sessionMutex_);
+        // Whatever start ran before this step is undone; a later start runs after it.
+        isPutting_.store(false);
+        input::MouseEvent::castEnded();
         // The next start builds a fresh capture and a fresh encoder bridge; this bridge is
         // stopped here and kept until then.
-        self->releaseCaptureSession();
-        if (auto enc = self->encoder()) enc->stopCamera();
+        releaseCaptureSession();
+        if (auto enc = encoder(); enc && enc->isRunning()) enc->stopCamera();
     });
 }
+
+void MacScreenCapture::runOnCastQueue(std::function<void()> step)
+{
+    castSteps_.fetch_add(1);
+    castQueue_->post([this, step = std::move(step)] {
+        step();
+        castSteps_.fetch_sub(1);
+    });
+}
+
+bool MacScreenCapture::castQueueIdle() const { return castSteps_.load() == 0; }
 
 void MacScreenCapture::pausePut(bool pause) { isPause_.store(pause); }
 
@@ -182,6 +229,8 @@ void MacScreenCapture::changeSizeForCount(int64_t count)
 void MacScreenCapture::listenMsg(bool listen)
 {
     if (listen) {
+        // One observation at most, however many requests came before.
+        if (listeningCount() > 0) return;
         Observation o = NotificationCenter::defaultCenter().addObserver(QString::fromLatin1(notice::NETCONTROL_RECEIVE),
                                                                          [this](const QVariant &message) { receiveMsg(message); });
         std::lock_guard lock(listenMutex_);
@@ -209,7 +258,12 @@ void MacScreenCapture::receiveMsg(const QVariant &message)
     const QString id = messageId(message);
     const QVariantMap property = messageProperty(message.toMap());
     if (id == kPermissionAllow) {
-        if (!isPutting_.load()) startPutFuction();
+        // Building and starting the capture and the push's connect wait run off this
+        // (the window's) thread; a stop in between voids the start.
+        const uint64_t generation = generation_.load();
+        runOnCastQueue([this, generation] {
+            if (generation_.load() == generation && !isPutting_.load()) startPutFuction();
+        });
     } else if (id == kPermissionRefuse) {
         listenMsg(false);
     } else if (id == kPermissionDisconnect) {
@@ -219,7 +273,9 @@ void MacScreenCapture::receiveMsg(const QVariant &message)
         NotificationCenter::defaultCenter().post(QString::fromLatin1(notice::NOTICE_BESTOPSCREENCAPTURE));
     } else if (id == kCodecResize) {
         if (lenientInt(property, QStringLiteral("type")) != kScreenType) return;
-        changeSizeForCount(lenientInt(property, QStringLiteral("count")));
+        // The encoder finishes its frames at the old size first: not on this thread.
+        const int64_t count = lenientInt(property, QStringLiteral("count"));
+        runOnCastQueue([this, count] { changeSizeForCount(count); });
     } else if (id == kVideoPause) {
         pausePut(lenientBool(property, QStringLiteral("pause")));
     } else if (id == kAudioCtrl) {

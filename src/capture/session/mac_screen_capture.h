@@ -4,19 +4,25 @@
 //
 // It is reached only through notifications: it observes the application's start and stop
 // requests (NOTICE_STARTSCREENCAPTURE, NOTICE_STOPSCREENCAPTURE, NOTICE_BEDISCONNECT,
-// NOTICE_DISCONNECT) and, while a request is open, the control channel's NETCONTROL_RECEIVE;
-// it sends by posting NETCONTROL_SEND, and posts NOTICE_BESTOPSCREENCAPTURE when the
-// receiver ends the cast.
+// NOTICE_DISCONNECT), the heartbeat's loss of the receiver (NETCONTROL_CONNECTBROKEN) and,
+// while a request is open, the control channel's NETCONTROL_RECEIVE (one observation at
+// most); it sends by posting NETCONTROL_SEND, and posts NOTICE_BESTOPSCREENCAPTURE when the
+// receiver ends the cast. When the screen cannot be captured after the receiver allowed the
+// cast, it tells the receiver the cast ended, posts NOTICE_BESTOPSCREENCAPTURE and
+// NOTICE_SCREENCAPTURESTATE [false, why].
 //
 // Threads. Notifications are handled on the thread that posts them (the main thread in the
-// program). Pictures arrive on the "delegate queue" thread and sound on the "Audio Capture
-// Queue" thread; both read isPutting, isPause and isAudioUse as plain flags, so a sample may
-// slip through just after a flag changes. Stopping clears isAudioUse at once and tears the
-// capture down on the main thread.
+// program). Everything that can block runs on the "cast queue", in the order it was asked
+// for: building and starting the capture, the push's connect (startLiving), stopping the
+// capture and the push (stopCamera), and the encoder's size change. Pictures arrive on the
+// "delegate queue" thread and sound on the "Audio Capture Queue" thread; both read
+// isPutting, isPause and isAudioUse as plain flags, so a sample may slip through just after
+// a flag changes. Stopping clears isPutting and isAudioUse at once.
 #pragma once
 
 #include "capture/session/capture_source.h"
 #include "common/notification_center.h"
+#include "common/serial_queue.h"
 
 #include <QRectF>
 #include <QSizeF>
@@ -63,16 +69,19 @@ public:
     // The application ends the cast: tell the receiver (always), then stop.
     void stopPut();
     // Starts capture and the push to ipStr; nothing while casting. Builds the capture first
-    // when none exists; without a display to capture it logs why and does not start.
+    // when none exists; without a display to capture it logs why, does not start, and ends
+    // the cast on both sides (on the main thread). Blocks for the push's connect: the
+    // receiver's allow runs it on the cast queue.
     void startPutFuction();
-    // Stops capture and the push: clears isAudioUse at once, the rest on the main thread.
+    // Stops listening, voids a start still queued and, when casting, clears isPutting and
+    // isAudioUse at once; capture and the push stop on the cast queue. Any thread.
     void stopPutFouction();
     void pausePut(bool pause);
     void audioEnable(bool enable);
     // Scales the output size and bit rate for a receiver showing count pictures side by
     // side: 1 full, 2 to 6 halved, 7 or more a third; 0 or less changes nothing.
     void changeSizeForCount(int64_t count);
-    // true: handle NETCONTROL_RECEIVE with receiveMsg (each call adds one more observation);
+    // true: handle NETCONTROL_RECEIVE with receiveMsg (once, however often it is called);
     // false: stop handling it.
     void listenMsg(bool listen);
     void receiveMsg(const QVariant &message);
@@ -133,11 +142,15 @@ public:
     bool hasAudioInput() const;
     // Observations of NETCONTROL_RECEIVE held now.
     int listeningCount() const;
+    // True when no step waits or runs on the cast queue.
+    bool castQueueIdle() const;
 
 private:
     class CaptureSession;
 
     void releaseCaptureSession();
+    void captureFailed();
+    void runOnCastQueue(std::function<void()> step);
     std::shared_ptr<push::CameraEncoder> encoder() const;
 
     const BackendFactory backendFactory_;
@@ -167,6 +180,11 @@ private:
     // Read by the capture threads for every sample; replaced only while no capture runs.
     mutable std::mutex encoderMutex_;
     std::shared_ptr<push::CameraEncoder> cameraEncoder_;
+
+    // Counts stops: a start queued before a stop does not run.
+    std::atomic<uint64_t> generation_{0};
+    std::atomic<int> castSteps_{0};
+    std::unique_ptr<SerialQueue> castQueue_;
 
     mutable std::mutex listenMutex_;
     std::vector<Observation> listening_;

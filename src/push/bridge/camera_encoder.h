@@ -2,7 +2,7 @@
 // feeds them the captured samples, and hands every encoded frame to the push API as a
 // frame descriptor. It also opens and closes the push context when casting starts and stops.
 //
-// Threads: startLiving() and stopCamera() on the casting session's control thread;
+// Threads: startLiving() and stopCamera() on the casting session's "cast queue";
 // pushBuffer() and pushAudioBuffer() on the capture threads; the two delegate operations on
 // the encoders' threads (the H.264 encoder's streaming thread, the "AAC Encoder Callback
 // Queue"), from where they call PushSendFrame directly. The push API waits for sends in

@@ -157,7 +157,7 @@ struct H264HWDecoder::Session {
     {
         if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR)
             logLine(lcCapture(), QStringLiteral("Decompressed error: %1").arg(QString::fromStdString(capture::describeError(message))));
-        return GST_BUS_DROP;
+        return capture::dropMessage(message);
     }
 
     H264HWDecoder *const owner;

@@ -117,7 +117,7 @@ GstBusSyncReply GstCaptureSource::onBusMessage(GstBus *, GstMessage *message, gp
         std::lock_guard lock(that->errorMutex_);
         if (that->error_.isEmpty()) that->error_ = text;
     }
-    return GST_BUS_DROP;
+    return dropMessage(message);
 }
 
 QString GstCaptureSource::takeError()
