@@ -30,5 +30,11 @@ if [ "${VELOCAST_SKIP_ASAN:-0}" != 1 ]; then
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
         ctest --preset asan -L asan -j2 || status=1
 fi
+# The Debian packages: built from the tree, then lintian (no errors), the desktop entry, the
+# metainfo, icons, help page and version checked (scripts/package.sh). VELOCAST_SKIP_PACKAGE=1 skips.
+if [ "${VELOCAST_SKIP_PACKAGE:-0}" != 1 ]; then
+    bash scripts/package.sh --check || status=1
+fi
+
 echo "test.sh: finished in $(( $(date +%s) - start )) s, status $status"
 exit $status
