@@ -2,19 +2,24 @@
 # Builds the Debian packages (velocast and velocast-receiver) from the source tree into
 # build-deb/. With --check, also checks them: lintian without errors, the desktop entry, the
 # AppStream metainfo, the icons, the help page, and the version the program reports.
+# --check-only checks the packages already in build-deb/.
 #
 # The version comes from the project() line of CMakeLists.txt, the build dependencies from
 # scripts/packages.txt; the runtime dependencies of the binaries are found by dpkg-shlibdeps.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
-check=0
-[ "${1:-}" = --check ] && check=1
+check=0 build=1
+case "${1:-}" in
+--check) check=1 ;;
+--check-only) check=1 build=0 ;;
+esac
 
 version=$(sed -nE 's/^project\(Velocast VERSION ([0-9][0-9.]*).*/\1/p' CMakeLists.txt)
 [ -n "$version" ] || { echo "package: no version in CMakeLists.txt" >&2; exit 1; }
 out="$root/build-deb"
 stage="$out/velocast-$version"
+if [ "$build" = 1 ]; then
 mkdir -p "$stage"
 
 # A copy of the tracked and new files (modification times kept, so the build directory
@@ -46,6 +51,7 @@ rm -f "$out"/*.deb "$out"/*.ddeb "$out"/*.changes "$out"/*.buildinfo
     exit 1
 }
 ls -1 "$out"/*.deb
+fi
 [ "$check" = 1 ] || exit 0
 
 # ---- checks ----
@@ -76,7 +82,7 @@ grep -q '<svg' "$x/velocast/usr/share/icons/hicolor/scalable/apps/velocast.svg" 
 # The help page the wizard copies: shipped, and the address the program has built in.
 help=/usr/share/doc/velocast/help.html
 [ -s "$x/velocast$help" ] || fail "help page not in the package"
-grep -aq "$help" "$x/velocast/usr/bin/velocast" || fail "the program does not point at $help"
+strings -e l "$x/velocast/usr/bin/velocast" | grep -qxF "$help" || fail "the program does not point at $help"
 
 # One version everywhere: the package, the program's --version, the metainfo's release.
 [ "$(dpkg-deb -f "$deb" Version)" = "$version" ] || fail "package version"
