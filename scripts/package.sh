@@ -20,23 +20,23 @@ version=$(sed -nE 's/^project\(Velocast VERSION ([0-9][0-9.]*).*/\1/p' CMakeList
 out="$root/build-deb"
 stage="$out/velocast-$version"
 if [ "$build" = 1 ]; then
-mkdir -p "$stage"
+    mkdir -p "$stage"
 
-# A copy of the tracked and new files (modification times kept, so the build directory
-# inside the stage, kept between runs, rebuilds only what changed).
-find "$stage" -mindepth 1 -maxdepth 1 ! -name 'obj-*' -exec rm -rf {} +
-git ls-files -z --cached --others --exclude-standard |
-    tar --null -T - --ignore-failed-read -cf - 2>/dev/null | tar -xf - -C "$stage"
+    # A copy of the tracked and new files (modification times kept, so the build directory
+    # inside the stage, kept between runs, rebuilds only what changed).
+    find "$stage" -mindepth 1 -maxdepth 1 ! -name 'obj-*' -exec rm -rf {} +
+    git ls-files -z --cached --others --exclude-standard |
+        tar --null -T - --ignore-failed-read -cf - 2>/dev/null | tar -xf - -C "$stage"
 
-# Build dependencies: every -dev package in the one list, except the test-only ones.
-dev=$(grep -vE '^\s*(#|$)' scripts/packages.txt | awk '{print $1}' |
-    grep -E -- '-dev$' | grep -vE '^(libgtest-dev|libgmock-dev|libbenchmark-dev|libfuzzer.*)$' | paste -sd, | sed 's/,/, /g')
-sed -i "s/@DEV_PACKAGES@/$dev/" "$stage/debian/control"
-maintainer=$(sed -n 's/^Maintainer: //p' debian/control)
-# The changelog entry carries the date of the last commit, so rebuilding the same tree gives
-# the same package.
-when=$(git log -1 --format=%cD 2>/dev/null || date -R)
-cat > "$stage/debian/changelog" <<EOF
+    # Build dependencies: every -dev package in the one list, except the test-only ones.
+    dev=$(grep -vE '^\s*(#|$)' scripts/packages.txt | awk '{print $1}' |
+        grep -E -- '-dev$' | grep -vE '^(libgtest-dev|libgmock-dev|libbenchmark-dev|libfuzzer.*)$' | paste -sd, | sed 's/,/, /g')
+    sed -i "s/@DEV_PACKAGES@/$dev/" "$stage/debian/control"
+    maintainer=$(sed -n 's/^Maintainer: //p' debian/control)
+    # The changelog entry carries the date of the last commit, so rebuilding the same tree gives
+    # the same package.
+    when=$(git log -1 --format=%cD 2>/dev/null || date -R)
+    cat > "$stage/debian/changelog" <<EOF
 velocast ($version) unstable; urgency=medium
 
   * Velocast $version, built from the source tree.
@@ -44,13 +44,13 @@ velocast ($version) unstable; urgency=medium
  -- $maintainer  $when
 EOF
 
-rm -f "$out"/*.deb "$out"/*.ddeb "$out"/*.changes "$out"/*.buildinfo
-(cd "$stage" && DEB_BUILD_OPTIONS="parallel=${VELOCAST_JOBS:-2}" dpkg-buildpackage -b -us -uc -nc >"$out/build.log" 2>&1) || {
-    tail -n 40 "$out/build.log" >&2
-    echo "package: dpkg-buildpackage failed (full log: $out/build.log)" >&2
-    exit 1
-}
-ls -1 "$out"/*.deb
+    rm -f "$out"/*.deb "$out"/*.ddeb "$out"/*.changes "$out"/*.buildinfo
+    (cd "$stage" && DEB_BUILD_OPTIONS="parallel=${VELOCAST_JOBS:-2}" dpkg-buildpackage -b -us -uc -nc >"$out/build.log" 2>&1) || {
+        tail -n 40 "$out/build.log" >&2
+        echo "package: dpkg-buildpackage failed (full log: $out/build.log)" >&2
+        exit 1
+    }
+    ls -1 "$out"/*.deb
 fi
 [ "$check" = 1 ] || exit 0
 
