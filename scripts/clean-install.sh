@@ -16,8 +16,8 @@ if [ ! -x "$chroot_dir/usr/bin/apt-get" ]; then
     debootstrap --variant=minbase bookworm "$chroot_dir" "$mirror"
 fi
 cleanup() {
-    [ -n "${xvfb_pid:-}" ] && chroot "$chroot_dir" kill "$xvfb_pid" 2>/dev/null || true
-    umount "$chroot_dir/proc" "$chroot_dir/dev/pts" "$chroot_dir/dev" 2>/dev/null || true
+    if [ -n "${xvfb_pid:-}" ]; then kill "$xvfb_pid" 2>/dev/null || true; fi
+    for m in proc dev/pts dev; do umount "$chroot_dir/$m" 2>/dev/null || umount -l "$chroot_dir/$m" 2>/dev/null || true; done
 }
 trap cleanup EXIT
 mount -t proc proc "$chroot_dir/proc"
@@ -32,8 +32,8 @@ in_chroot() { chroot "$chroot_dir" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOM
 in_chroot apt-get update -qq
 # The packages and what they depend on or recommend, from the archive; Xvfb and x11-utils
 # only to start the program and look at its window here.
-in_chroot env DEBIAN_FRONTEND=noninteractive apt-get install -y -q \
-    /root/debs/velocast_*.deb /root/debs/velocast-receiver_*.deb xvfb x11-utils
+in_chroot sh -c 'DEBIAN_FRONTEND=noninteractive apt-get install -y -q \
+    /root/debs/velocast_*.deb /root/debs/velocast-receiver_*.deb xvfb x11-utils'
 
 in_chroot velocast --version
 in_chroot test -s /usr/share/doc/velocast/help.html
