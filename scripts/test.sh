@@ -45,5 +45,11 @@ if [ "${VELOCAST_SKIP_FUZZ:-0}" != 1 ]; then
     bash scripts/fuzz.sh 12 || status=1
 fi
 
+# The Debian packages: built from the tree, then lintian (no errors), the desktop entry, the
+# metainfo, icons, help page and version checked (scripts/package.sh). VELOCAST_SKIP_PACKAGE=1 skips.
+if [ "${VELOCAST_SKIP_PACKAGE:-0}" != 1 ]; then
+    bash scripts/package.sh --check || status=1
+fi
+
 echo "test.sh: finished in $(( $(date +%s) - start )) s, status $status"
 exit $status

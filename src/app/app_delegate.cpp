@@ -1,6 +1,7 @@
 #include "app/app_delegate.h"
 
 #include "app/app_start_manager.h"
+#include "app/version.h"
 #include "common/log.h"
 #include "common/preferences.h"
 #include "ui/connect_help_controller.h"
@@ -38,7 +39,8 @@ const QString kHelpAction = QStringLiteral("连接帮助");
 const QString kAboutAction = QStringLiteral("关于 Velocast");
 const QString kQuitAction = QStringLiteral("退出 Velocast");
 const QString kShowAction = QStringLiteral("显示主窗口");
-const QString kAboutText = QStringLiteral("Velocast %1\n把这台电脑的屏幕和声音投到同一网络中的接收端。");
+const QString kAboutText = QStringLiteral("Velocast %1\n把这台电脑的屏幕和声音投到同一网络中的接收端。\n"
+                                         "许可证：GNU 通用公共许可证第 3 版或更新版本（%2）");
 
 // Per-user name of the local socket that makes the program single-instance.
 QString instanceSocketName()
@@ -182,7 +184,10 @@ void AppDelegate::appAbout()
         icon->setPixmap(velocastAppIcon().pixmap(64, 64));
         icon->setAlignment(Qt::AlignCenter);
         icon->setAccessibleName(kAppName);
-        auto *label = new QLabel(kAboutText.arg(QCoreApplication::applicationVersion()), appAbout_);
+        auto *label = new QLabel(kAboutText.arg(QString::fromLatin1(kVersion), QString::fromLatin1(kLicence)), appAbout_);
+        label->setObjectName(QStringLiteral("aboutText"));
+        label->setTextFormat(Qt::PlainText);
+        label->setTextInteractionFlags(Qt::TextSelectableByMouse);
         label->setAlignment(Qt::AlignCenter);
         auto *buttons = new QDialogButtonBox(QDialogButtonBox::Close, appAbout_);
         connect(buttons, &QDialogButtonBox::rejected, appAbout_, &QDialog::close);

@@ -7,12 +7,17 @@
 #include "ui/window_button_tool.h"
 
 #include <QClipboard>
+#include <QCoreApplication>
+#include <QDesktopServices>
+#include <QDir>
+#include <QFileInfo>
 #include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QKeyEvent>
 #include <QLabel>
 #include <QPainter>
 #include <QPainterPath>
+#include <QUrl>
 #include <QVBoxLayout>
 
 #include <chrono>
@@ -200,27 +205,35 @@ void ConnectHelpController::buildPage()
     if (page_ == 3) {
         auto *more = new QLabel(text::kHelpMore, this);
         more->setStyleSheet(QStringLiteral("color: rgb(102,102,102); font-size: 13px;"));
-        auto *url = new QLabel(text::kHelpUrl, this);
+        auto *url = new QLabel(helpPageUrl(), this);
         url->setTextFormat(Qt::PlainText);
         url->setTextInteractionFlags(Qt::TextSelectableByMouse);
-        url->setStyleSheet(QStringLiteral("color: rgb(128,130,255); font-size: 13px;"));
-        urlCopyBtn_ = new QPushButton(text::kCopyHelpLink, this);
-        urlCopyBtn_->setAutoDefault(false);
-        urlCopyBtn_->setCursor(Qt::PointingHandCursor);
-        urlCopyBtn_->setStyleSheet(
+        url->setWordWrap(true);
+        url->setAlignment(Qt::AlignCenter);
+        url->setStyleSheet(QStringLiteral("color: rgb(128,130,255); font-size: 12px;"));
+        const QString linkButtonStyle =
             QStringLiteral("QPushButton { color: rgb(128,130,255); font-size: 13px; border: 1px solid rgb(178,179,255);"
                            " border-radius: 4px; padding: 3px 10px; background: white; }"
                            "QPushButton:pressed { background: rgb(236,238,255); }"
-                           "QPushButton:focus { border: 2px solid rgb(128,130,255); }"));
+                           "QPushButton:focus { border: 2px solid rgb(128,130,255); }");
+        urlOpenBtn_ = new QPushButton(text::kOpenHelpPage, this);
+        urlCopyBtn_ = new QPushButton(text::kCopyHelpLink, this);
+        for (QPushButton *b : {urlOpenBtn_, urlCopyBtn_}) {
+            b->setAutoDefault(false);
+            b->setCursor(Qt::PointingHandCursor);
+            b->setStyleSheet(linkButtonStyle);
+        }
+        connect(urlOpenBtn_, &QAbstractButton::clicked, this, &ConnectHelpController::urlOpenBtnAction);
         connect(urlCopyBtn_, &QAbstractButton::clicked, this, &ConnectHelpController::urlCopyBtnAction);
         auto *row = new QHBoxLayout;
         row->addStretch();
         row->addWidget(more);
-        row->addWidget(url);
         row->addSpacing(6);
+        row->addWidget(urlOpenBtn_);
         row->addWidget(urlCopyBtn_);
         row->addStretch();
         column->addLayout(row);
+        column->addWidget(url);
     }
     column->addStretch(2);
 
@@ -249,7 +262,10 @@ void ConnectHelpController::buildPage()
     // Reading order: the step's buttons first, closing last.
     QWidget *first = nextBtn_ ? static_cast<QWidget *>(nextBtn_) : doneBtn_;
     if (preBtn_) setTabOrder(preBtn_, first);
-    if (urlCopyBtn_) setTabOrder(urlCopyBtn_, preBtn_);
+    if (urlCopyBtn_) {
+        setTabOrder(urlOpenBtn_, urlCopyBtn_);
+        setTabOrder(urlCopyBtn_, preBtn_);
+    }
     setTabOrder(first, closeBtn_);
 }
 
@@ -344,8 +360,29 @@ void ConnectHelpController::urlCopyBtnAction()
 {
     QClipboard *clipboard = QGuiApplication::clipboard();
     clipboard->clear();
-    clipboard->setText(text::kHelpUrl);
+    clipboard->setText(helpPageUrl());
     Toast::showText(this, text::kCopied, 1000ms);
+}
+
+void ConnectHelpController::urlOpenBtnAction()
+{
+    const QString url = helpPageUrl();
+    logLine(lcUi(), QStringLiteral("open help page %1").arg(url));
+    if (!QDesktopServices::openUrl(QUrl(url))) Toast::showText(this, text::kHelpPageNotOpened, 2000ms);
+}
+
+QString ConnectHelpController::helpPageUrl()
+{
+    // The page ships with the program under <prefix>/share/doc/velocast. Look next to the
+    // running binary first, so a relocated install or the build tree (where programs sit
+    // one folder deeper) finds its own copy; otherwise the configured install location.
+    const QString file = QStringLiteral("/share/doc/velocast/help.html");
+    const QDir exeDir(QCoreApplication::applicationDirPath());
+    for (const QString &up : {QStringLiteral("/.."), QStringLiteral("/../..")}) {
+        const QFileInfo candidate(exeDir.path() + up + file);
+        if (candidate.isFile()) return QUrl::fromLocalFile(candidate.canonicalFilePath()).toString();
+    }
+    return QUrl::fromLocalFile(QStringLiteral(VELOCAST_DOC_DIR "/help.html")).toString();
 }
 
 void ConnectHelpController::paintEvent(QPaintEvent *)

@@ -34,6 +34,10 @@ public:
     QPushButton *preBtn() const { return preBtn_; } // pages 2 and 3
     QPushButton *doneBtn() const { return doneBtn_; } // page 3
     QPushButton *urlCopyBtn() const { return urlCopyBtn_; } // page 3
+    QPushButton *urlOpenBtn() const { return urlOpenBtn_; } // page 3
+
+    // The file:// address of the help page installed with the program.
+    static QString helpPageUrl();
 
 public Q_SLOTS:
     void next1BtnAction();
@@ -44,6 +48,8 @@ public Q_SLOTS:
     void doneBtnAction();
     // Puts the help page's address on the clipboard and says so for 1 s.
     void urlCopyBtnAction();
+    // Opens the help page in the desktop's browser.
+    void urlOpenBtnAction();
 
 protected:
     void showEvent(QShowEvent *event) override;
@@ -67,6 +73,7 @@ private:
     QPushButton *preBtn_ = nullptr;
     QPushButton *doneBtn_ = nullptr;
     QPushButton *urlCopyBtn_ = nullptr;
+    QPushButton *urlOpenBtn_ = nullptr;
 };
 
 } // namespace velocast

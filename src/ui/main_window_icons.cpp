@@ -7,7 +7,6 @@ namespace velocast {
 
 namespace {
 const QColor kAccent(128, 130, 255);
-const QColor kInk(74, 80, 96);
 
 QPixmap canvas(int size, qreal dpr)
 {
@@ -74,32 +73,40 @@ QPixmap noNetworkImage(int size, qreal dpr)
     return pm;
 }
 
+void paintVelocastIcon(QPainter &p, qreal s)
+{
+    p.save();
+    p.setRenderHint(QPainter::Antialiasing);
+    // A screen with a cast wave in the corner.
+    p.setPen(Qt::NoPen);
+    p.setBrush(kAccent);
+    p.drawRoundedRect(QRectF(s * 0.06, s * 0.06, s * 0.88, s * 0.88), s * 0.2, s * 0.2);
+    p.setPen(QPen(Qt::white, qMax(1.0, s * 0.06), Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
+    p.setBrush(Qt::NoBrush);
+    p.drawRoundedRect(QRectF(s * 0.22, s * 0.26, s * 0.56, s * 0.38), s * 0.05, s * 0.05);
+    const QPointF corner(s * 0.22, s * 0.8);
+    for (int i = 1; i <= 2; ++i) {
+        const qreal r = s * 0.1 * i;
+        p.drawArc(QRectF(corner.x() - r, corner.y() - r, 2 * r, 2 * r), 0, 90 * 16);
+    }
+    p.setPen(Qt::NoPen);
+    p.setBrush(Qt::white);
+    p.drawEllipse(corner, s * 0.035, s * 0.035);
+    p.restore();
+}
+
+QPixmap velocastIconImage(int size)
+{
+    QPixmap pm = canvas(size, 1.0);
+    QPainter p(&pm);
+    paintVelocastIcon(p, size);
+    return pm;
+}
+
 QIcon velocastAppIcon()
 {
     QIcon icon;
-    for (int size : {16, 32, 48, 64, 128, 256}) {
-        QPixmap pm = canvas(size, 1.0);
-        QPainter p(&pm);
-        p.setRenderHint(QPainter::Antialiasing);
-        const qreal s = size;
-        // A screen with a cast wave in the corner.
-        p.setPen(Qt::NoPen);
-        p.setBrush(kAccent);
-        p.drawRoundedRect(QRectF(s * 0.06, s * 0.06, s * 0.88, s * 0.88), s * 0.2, s * 0.2);
-        p.setPen(QPen(Qt::white, qMax(1.0, s * 0.06), Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
-        p.setBrush(Qt::NoBrush);
-        p.drawRoundedRect(QRectF(s * 0.22, s * 0.26, s * 0.56, s * 0.38), s * 0.05, s * 0.05);
-        const QPointF corner(s * 0.22, s * 0.8);
-        for (int i = 1; i <= 2; ++i) {
-            const qreal r = s * 0.1 * i;
-            p.drawArc(QRectF(corner.x() - r, corner.y() - r, 2 * r, 2 * r), 0, 90 * 16);
-        }
-        p.setPen(Qt::NoPen);
-        p.setBrush(Qt::white);
-        p.drawEllipse(corner, s * 0.035, s * 0.035);
-        p.setPen(QPen(kInk, 0));
-        icon.addPixmap(pm);
-    }
+    for (int size : {16, 32, 48, 64, 128, 256}) icon.addPixmap(velocastIconImage(size));
     return icon;
 }
 

@@ -56,9 +56,9 @@ inline const QString kHelpStep2Detail = QStringLiteral("在接收端的屏幕上
 inline const QString kHelpStep3Title = QStringLiteral("第 3 步：输入连接码");
 inline const QString kHelpStep3Detail = QStringLiteral("在主窗口依次输入这六位数字，接收端同意后就可以开始投屏。");
 inline const QString kHelpMore = QStringLiteral("更多帮助：");
-// Placeholder address of the online help page (a reserved example domain until the site exists).
-inline const QString kHelpUrl = QStringLiteral("https://velocast.example/help");
 inline const QString kCopyHelpLink = QStringLiteral("复制链接");
+inline const QString kOpenHelpPage = QStringLiteral("打开");
+inline const QString kHelpPageNotOpened = QStringLiteral("无法打开帮助页面，请复制链接后在浏览器中打开");
 inline const QString kNext = QStringLiteral("下一步");
 inline const QString kPrevious = QStringLiteral("上一步");
 inline const QString kDone = QStringLiteral("完成");

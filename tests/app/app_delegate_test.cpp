@@ -8,6 +8,8 @@
 #include "support/test_support.h"
 
 #include <QApplication>
+#include <QDialog>
+#include <QLabel>
 #include <QDir>
 #include <QFile>
 #include <QMainWindow>
@@ -112,6 +114,25 @@ TEST(AppDelegate, LogRedirectionGoesToADatedFileInDocuments)
     const QByteArray content = f.readAll();
     EXPECT_TRUE(content.contains("to stdout"));
     EXPECT_TRUE(content.contains("to stderr"));
+}
+
+TEST(AppDelegate, AboutShowsTheBuiltVersionAndNamesTheLicence)
+{
+    PrivateTmp tmp;
+    NetControl control;
+    AppDelegate delegate(control);
+    ASSERT_TRUE(delegate.launch());
+    delegate.appAbout();
+    auto *about = delegate.keyWindow()->findChild<QDialog *>();
+    ASSERT_TRUE(about);
+    EXPECT_TRUE(about->isVisible());
+    EXPECT_FALSE(about->windowTitle().isEmpty());
+    auto *label = about->findChild<QLabel *>(QStringLiteral("aboutText"));
+    ASSERT_TRUE(label);
+    // The version of the project() line, handed to this test by the build.
+    EXPECT_TRUE(label->text().startsWith(QStringLiteral("Velocast " VELOCAST_PROJECT_VERSION "\n"))) << label->text().toStdString();
+    EXPECT_TRUE(label->text().contains(QStringLiteral("GPL-3.0-or-later")));
+    about->close();
 }
 
 } // namespace
