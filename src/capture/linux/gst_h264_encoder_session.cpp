@@ -183,6 +183,10 @@ public:
                                           settings_.inputWidth, "height", G_TYPE_INT, settings_.inputHeight, "framerate",
                                           GST_TYPE_FRACTION, settings_.expectedFrameRate, 1, "pixel-aspect-ratio", GST_TYPE_FRACTION,
                                           1, 1, nullptr));
+        // The screen capture converts with the BT.709 matrix into video range; said so here,
+        // the encoder writes it into the stream's VUI for every picture size.
+        if (settings_.inputFormat == "NV12")
+            gst_caps_set_simple(in.get(), "colorimetry", G_TYPE_STRING, "bt709", nullptr);
         g_object_set(src, "caps", in.get(), "format", GST_FORMAT_TIME, "is-live", TRUE, "max-buffers", guint64(kMaxQueuedPictures),
                      "block", FALSE, nullptr);
         setArgProperty(src, "leaky-type", "downstream");
