@@ -98,12 +98,19 @@ bool PicturePacer::submitBgrx(const uint8_t *bgrx, int stride, int width, int he
         }
     }
     // Converted outside the lock: the ticks go on handing out the previous picture.
+    // The pool keeps its own reference, so the buffer is not writable as a whole; its one
+    // memory is (no other buffer shares it), and that is what is written.
+    GstMemory *memory = gst_buffer_peek_memory(buffer.get(), 0);
     GstMapInfo map;
-    if (!gst_buffer_map(buffer.get(), &map, GST_MAP_WRITE)) return false;
+    if (!memory || !gst_memory_map(memory, &map, GST_MAP_WRITE)) {
+        std::lock_guard lock(mutex_);
+        ++stats_.refused;
+        return false;
+    }
     const Nv12Planes planes{map.data + GST_VIDEO_INFO_PLANE_OFFSET(&info, 0), GST_VIDEO_INFO_PLANE_STRIDE(&info, 0),
                             map.data + GST_VIDEO_INFO_PLANE_OFFSET(&info, 1), GST_VIDEO_INFO_PLANE_STRIDE(&info, 1)};
     const bool ok = convertBgrxToNv12(bgrx, stride, width, height, planes);
-    gst_buffer_unmap(buffer.get(), &map);
+    gst_memory_unmap(memory, &map);
     std::lock_guard lock(mutex_);
     if (!ok) {
         ++stats_.refused;
