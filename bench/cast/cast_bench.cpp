@@ -82,18 +82,26 @@ int animate(const QString &mode)
         if (mode == "moving") {
             XCopyArea(d, art, win, gc, int((n * 12) % uint64_t(w)), 0, unsigned(w), unsigned(h), 0, 0);
         } else {
-            // A text field with a blinking cursor and a clock, on a plain background.
-            XSetForeground(d, gc, 0xFFFFFF);
-            XFillRectangle(d, win, gc, w / 2 - 200, h / 2 - 15, 400, 30);
-            XSetForeground(d, gc, 0x000000);
-            XDrawString(d, win, gc, w / 2 - 190, h / 2 + 5, "Connect code", 12);
-            if ((n / 15) % 2 == 0) XFillRectangle(d, win, gc, w / 2 - 110, h / 2 - 10, 2, 20);
-            char clock[32];
-            const int len = std::snprintf(clock, sizeof clock, "%02d:%02d:%02d", int(n / 30 / 3600 % 24), int(n / 30 / 60 % 60), int(n / 30 % 60));
-            XSetForeground(d, gc, 0x303840);
-            XFillRectangle(d, win, gc, w - 120, h - 30, 110, 24);
-            XSetForeground(d, gc, 0xFFFFFF);
-            XDrawString(d, win, gc, w - 110, h - 12, clock, len);
+            // A text field with a blinking cursor and a clock, on a plain background; like a
+            // real desktop, each is drawn only when it changes.
+            if (n == 0) {
+                XSetForeground(d, gc, 0xFFFFFF);
+                XFillRectangle(d, win, gc, w / 2 - 200, h / 2 - 15, 400, 30);
+                XSetForeground(d, gc, 0x000000);
+                XDrawString(d, win, gc, w / 2 - 190, h / 2 + 5, "Connect code", 12);
+            }
+            if (n % 15 == 0) {
+                XSetForeground(d, gc, (n / 15) % 2 == 0 ? 0x000000 : 0xFFFFFF);
+                XFillRectangle(d, win, gc, w / 2 - 110, h / 2 - 10, 2, 20);
+            }
+            if (n % 30 == 0) {
+                char clock[32];
+                const int len = std::snprintf(clock, sizeof clock, "%02d:%02d:%02d", int(n / 30 / 3600 % 24), int(n / 30 / 60 % 60), int(n / 30 % 60));
+                XSetForeground(d, gc, 0x303840);
+                XFillRectangle(d, win, gc, w - 120, h - 30, 110, 24);
+                XSetForeground(d, gc, 0xFFFFFF);
+                XDrawString(d, win, gc, w - 110, h - 12, clock, len);
+            }
         }
         XFlush(d);
         next += period;

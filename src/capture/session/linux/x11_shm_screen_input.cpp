@@ -108,7 +108,14 @@ public:
         pacer_.start();
         return true;
     }
-    void stopRunning() override { pacer_.stop(); }
+    void stopRunning() override
+    {
+        if (!pacer_.running()) return;
+        pacer_.stop();
+        const PicturePacer::Stats s = pacer_.stats();
+        logLine(lcCapture(), QStringLiteral("X11 capture: %1 pictures out, %2 captured, %3 repeats, %4 ticks missed, %5 refused")
+                                 .arg(s.ticks).arg(s.converted).arg(s.repeated).arg(s.late).arg(s.refused));
+    }
     uint64_t deliveredSamples() const override { return delivered_.load(); }
 
 private:
