@@ -28,7 +28,10 @@ constexpr int kFramesPerSecond = 30;
 std::atomic<uint64_t> gXErrors{0};
 int onXError(Display *dpy, XErrorEvent *event)
 {
-    gXErrors.fetch_add(1);
+    // A screen that shrank under a running capture fails every tick: the first few are enough.
+    constexpr uint64_t kLoggedErrors = 5;
+    const uint64_t n = gXErrors.fetch_add(1);
+    if (n >= kLoggedErrors) return 0;
     char text[128] = {};
     XGetErrorText(dpy, event->error_code, text, sizeof text - 1);
     logLine(lcCapture(), QStringLiteral("X11 capture: X error %1 (request %2.%3)")
