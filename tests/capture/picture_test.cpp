@@ -48,7 +48,9 @@ TEST(Nv12Converter, EachColourMatchesTheBt709VideoRangeMatrix)
         EXPECT_LE(std::abs(got.y - want.y), 1) << int(c.r) << "," << int(c.g) << "," << int(c.b);
         EXPECT_LE(std::abs(got.cb - want.cb), 1) << int(c.r) << "," << int(c.g) << "," << int(c.b);
         EXPECT_LE(std::abs(got.cr - want.cr), 1) << int(c.r) << "," << int(c.g) << "," << int(c.b);
-        if (c.r == c.g && c.g == c.b) EXPECT_TRUE(got.cb == 128 && got.cr == 128) << "grey has no chroma";
+        if (c.r == c.g && c.g == c.b) {
+            EXPECT_TRUE(got.cb == 128 && got.cr == 128) << "grey has no chroma";
+        }
     }
 }
 
@@ -144,7 +146,9 @@ TEST(PicturePacer, RepeatsTheLastPictureAtEveryTickAndReusesFreedBuffers)
     EXPECT_EQ(stats.repeated, got.size() - 3) << "only the three new pictures were not repeats";
     std::vector<GstBuffer *> distinct;
     for (size_t i = 0; i < got.size(); ++i) {
-        if (i > 0) EXPECT_GT(got[i].ns, got[i - 1].ns) << "tick times rise";
+        if (i > 0) {
+            EXPECT_GT(got[i].ns, got[i - 1].ns) << "tick times rise";
+        }
         if (distinct.empty() || distinct.back() != got[i].buffer) distinct.push_back(got[i].buffer);
     }
     // A repeat is the same picture, not a copy; the second picture needs a second buffer
