@@ -1,5 +1,7 @@
 #include "capture/gst_util.h"
 
+#include <optional>
+
 #include <algorithm>
 #include <type_traits>
 #include <mutex>
@@ -59,6 +61,38 @@ T clampTo(int64_t v, T lo, T hi)
 
 } // namespace
 
+namespace {
+
+// Sets the value (and unsets it), then reads the property back: an element may refuse a
+// value or replace it with its own (a read-only or construct-only property, a clamp).
+int setAndCheck(GstElement *element, GParamSpec *spec, GValue *v, std::optional<int64_t> asked)
+{
+    if (!(spec->flags & G_PARAM_WRITABLE) || (spec->flags & G_PARAM_CONSTRUCT_ONLY)) {
+        g_value_unset(v);
+        return kPropertyNotTaken;
+    }
+    g_object_set_property(G_OBJECT(element), spec->name, v);
+    GValue back = G_VALUE_INIT;
+    g_value_init(&back, spec->value_type);
+    int result = 0;
+    if (spec->flags & G_PARAM_READABLE) {
+        g_object_get_property(G_OBJECT(element), spec->name, &back);
+        if (gst_value_compare(v, &back) != GST_VALUE_EQUAL) result = kPropertyNotTaken;
+    }
+    // A value clamped into the range is not the value asked for either.
+    if (asked) {
+        GValue wide = G_VALUE_INIT;
+        g_value_init(&wide, G_TYPE_INT64);
+        if (g_value_transform(v, &wide) && g_value_get_int64(&wide) != *asked) result = kPropertyNotTaken;
+        g_value_unset(&wide);
+    }
+    g_value_unset(&back);
+    g_value_unset(v);
+    return result;
+}
+
+} // namespace
+
 int setIntProperty(GstElement *element, const char *name, int64_t value)
 {
     GParamSpec *spec = g_object_class_find_property(G_OBJECT_GET_CLASS(element), name);
@@ -90,16 +124,20 @@ int setIntProperty(GstElement *element, const char *name, int64_t value)
         g_value_unset(&v);
         return -1;
     }
-    g_object_set_property(G_OBJECT(element), name, &v);
-    g_value_unset(&v);
-    return 0;
+    return setAndCheck(element, spec, &v, value);
 }
 
 int setArgProperty(GstElement *element, const char *name, const char *value)
 {
-    if (!g_object_class_find_property(G_OBJECT_GET_CLASS(element), name)) return -1;
-    gst_util_set_object_arg(G_OBJECT(element), name, value);
-    return 0;
+    GParamSpec *spec = g_object_class_find_property(G_OBJECT_GET_CLASS(element), name);
+    if (!spec) return -1;
+    GValue v = G_VALUE_INIT;
+    g_value_init(&v, spec->value_type);
+    if (!gst_value_deserialize(&v, value)) {
+        g_value_unset(&v);
+        return kPropertyNotTaken;
+    }
+    return setAndCheck(element, spec, &v, std::nullopt);
 }
 
 bool isMutableWhilePlaying(GstElement *element, const char *name)

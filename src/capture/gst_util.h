@@ -79,9 +79,13 @@ GstBufferPtr bufferFromBytes(std::span<const uint8_t> bytes);
 // when their device exists, so this is also the first "is it usable" test.
 bool elementExists(const char *factoryName);
 
-// Property setters that report whether the element has the property (0) or not (-1).
+// Property setters: 0 when the element took the value, -1 when it has no such property,
+// kPropertyNotTaken when it has it but holds another value afterwards (a text that does not
+// parse as the property's type, a read-only property, a value the element replaced).
 // setIntProperty clamps the value into the property's range instead of letting GObject
-// reject it; setArgProperty parses the text the way gst-launch does (enums by nick).
+// reject it (and reports the clamp as not taken); setArgProperty parses the text the way
+// gst-launch does (enums by nick).
+inline constexpr int kPropertyNotTaken = -2;
 int setIntProperty(GstElement *element, const char *name, int64_t value);
 int setArgProperty(GstElement *element, const char *name, const char *value);
 // True when the property exists and may be changed while the element is PLAYING.

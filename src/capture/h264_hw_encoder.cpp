@@ -179,6 +179,7 @@ void H264HWEncoder::didReceiveSampleBuffer(const MediaSample *sample)
     if (!sample) return;
     const H264Packet packet(*sample);
     if (H264HWEncoderDelegate *d = delegate_.load()) d->gotH264EncodedData(packet.packet(), packet.keyFrame(), sample->presentationTime(), nullptr);
+    if (H264OutputObserver *o = observer_.load()) o->didDeliver(sample->presentationTime(), packet.packet().size(), packet.keyFrame());
 }
 
 } // namespace velocast::capture

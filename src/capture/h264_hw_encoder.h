@@ -31,6 +31,14 @@ public:
     virtual void gotH264EncodedData(const std::vector<uint8_t> &data, bool keyFrame, MediaTime timestamp, const MediaError *error) = 0;
 };
 
+// Sees each access unit after the delegate took it (measurements: the bench's latency).
+class H264OutputObserver {
+public:
+    virtual ~H264OutputObserver() = default;
+    // On the encoder's streaming thread; timestamp is the source picture's capture time.
+    virtual void didDeliver(MediaTime timestamp, size_t bytes, bool keyFrame) = 0;
+};
+
 struct OutputSize {
     double width = 0;
     double height = 0;
@@ -47,6 +55,8 @@ public:
     // Non-owning; must outlive the encoder's session (clear it or invalidate first).
     void setDelegate(H264HWEncoderDelegate *delegate) { delegate_.store(delegate); }
     H264HWEncoderDelegate *delegate() const { return delegate_.load(); }
+    // Non-owning; null to stop. Costs one atomic load per frame when unset.
+    void setOutputObserver(H264OutputObserver *observer) { observer_.store(observer); }
 
     // Takes effect at the next session. Sizes are truncated to integers, and odd ones to the
     // even size below (4:2:0 pictures come in 2x2 blocks).
@@ -85,6 +95,7 @@ private:
     void invalidateLocked();
 
     std::atomic<H264HWEncoderDelegate *> delegate_{nullptr};
+    std::atomic<H264OutputObserver *> observer_{nullptr};
     std::atomic<int64_t> bitrate_{4000000};
     std::atomic<bool> unable_{false};
     mutable std::mutex mutex_;

@@ -5,6 +5,9 @@
 //   key frames only:  00 00 00 01 | SPS | 00 00 00 01 | PPS
 //   every NAL unit:   00 00 00 01 | NAL unit (its bytes without the length prefix)
 //
+// When the sample carries both parameter sets, SPS, PPS and access unit delimiters found
+// inside it are left out (the ones in front stand for them).
+//
 // Only four-byte start codes are written, also in front of the parameter sets.
 #pragma once
 
@@ -35,6 +38,7 @@ public:
 
     // The walk over AVCC bytes on its own: appends each NAL unit behind a start code to out.
     // Returns false when a length field runs past the end (nothing of that unit is appended).
+    // Keeps every unit.
     static bool appendAnnexB(std::span<const uint8_t> avcc, std::vector<uint8_t> &out);
 
 private:

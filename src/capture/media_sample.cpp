@@ -62,6 +62,17 @@ MediaSample MediaSample::h264(GstBufferPtr avcc, MediaTime pts, bool sync, std::
     return s;
 }
 
+MediaSample MediaSample::h264(GstBufferPtr avcc, MediaTime pts, bool sync, std::shared_ptr<const std::vector<ByteVector>> parameterSets)
+{
+    MediaSample s;
+    s.kind_ = Kind::H264;
+    s.buffer_ = std::shared_ptr<GstBuffer>(avcc.release(), GstBufferUnref{});
+    s.pts_ = pts;
+    s.sync_ = sync;
+    s.parameterSets_ = std::move(parameterSets);
+    return s;
+}
+
 MediaSample MediaSample::rawAudio(GstBufferPtr pcm, std::string format, int rate, int channels, MediaTime pts)
 {
     MediaSample s;

@@ -55,6 +55,8 @@ public:
     // One encoded access unit in AVCC form (4-byte big-endian lengths). parameterSets holds
     // the SPS at index 0 and the PPS at index 1; sync is false for frames that depend on others.
     static MediaSample h264(GstBufferPtr avcc, MediaTime pts, bool sync, std::vector<ByteVector> parameterSets);
+    // The same with parameter sets shared by many samples (an encoder's, until they change).
+    static MediaSample h264(GstBufferPtr avcc, MediaTime pts, bool sync, std::shared_ptr<const std::vector<ByteVector>> parameterSets);
     // Interleaved PCM; format is a GStreamer audio format name ("S16LE", "F32LE").
     static MediaSample rawAudio(GstBufferPtr pcm, std::string format, int rate, int channels, MediaTime pts);
     // One raw AAC access unit (no ADTS header).

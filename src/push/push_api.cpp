@@ -136,7 +136,8 @@ int32_t PushSendFrame(PushHandle, const PushFrame *frame)
     if (!context.tcpClient || !frame || !context.udpSender)
         return kPushNotReady;
 
-    if (context.frameLogLimiter.Allow(kFrameLogIntervalMs)) {
+    // The limiter takes a lock and reads the clock: only when the line has a reader.
+    if (LogEnabled() && context.frameLogLimiter.Allow(kFrameLogIntervalMs)) {
         Log(kLogLevel, "SimAPI recv_data:  length: %d  video?: %d  audio? %d  video-sub: %d\n", int(frame->length),
             int(frame->type == kFrameTypeVideo), int(frame->type == kFrameTypeAudio), int(frame->flag == kFrameFlagKey));
         LogHexDump(frame->data, frame->length, 32);

@@ -17,6 +17,8 @@ std::atomic<LogSinkFn> &sinkSlot()
 
 void SetLogSink(LogSinkFn sink) { sinkSlot().store(sink, std::memory_order_release); }
 
+bool LogEnabled() { return sinkSlot().load(std::memory_order_acquire) != nullptr; }
+
 void Log(int level, const char *format, ...)
 {
     LogSinkFn sink = sinkSlot().load(std::memory_order_acquire);

@@ -20,6 +20,9 @@ using LogSinkFn = void (*)(int level, const char *text);
 // nullptr (the default) discards. Safe to call from any thread.
 void SetLogSink(LogSinkFn sink);
 
+// True when a sink is installed: callers skip preparing what nobody would read.
+bool LogEnabled();
+
 // printf-style. Costs one atomic load when no sink is installed.
 void Log(int level, const char *format, ...) __attribute__((format(printf, 2, 3)));
 

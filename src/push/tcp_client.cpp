@@ -22,7 +22,10 @@ namespace {
 
 constexpr int32_t kRecvHeaderBytes = int32_t(wire::kRecordHeaderSize);
 constexpr int32_t kRecvBodyInitialBytes = 8'192;
-constexpr int32_t kPopWaitMs = 10;
+// An idle sender sleeps until a record comes or the pool is stopped (Close and every
+// failure path stop it, under the pool's lock, so the wake cannot be missed); the wait's end
+// is only a safety net, not a poll.
+constexpr int32_t kPopWaitMs = 60'000;
 constexpr int32_t kWritableWaitMs = 1;
 constexpr int32_t kReadSliceMs = 5;
 constexpr auto kCloseGrace = std::chrono::milliseconds(100);

@@ -19,6 +19,8 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QLoggingCategory>
+#include <QProcess>
+#include <QStandardPaths>
 #include <QTimer>
 
 #include <arpa/inet.h>
@@ -27,6 +29,8 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+
+#include <X11/Xlib.h>
 
 #include <cstdlib>
 #include <iostream>
@@ -640,6 +644,81 @@ TEST(MacScreenCaptureCast, WithoutAnAudioInputTheCastGoesOnVideoOnly)
     EXPECT_EQ(rig.capture.sampleCounts().audioCaptured, 0u);
     rig.capture.stopPut();
     ASSERT_TRUE(waitUntil([&] { return !rig.capture.isPutting(); }));
+}
+
+// A window of colour patches over the whole screen, cast, decoded from what the receiver
+// wrote with ffmpeg (which converts back with the matrix the stream signals): each patch
+// comes back as the colour it was.
+TEST(MacScreenCaptureCast, ColoursArriveAsTheScreenShowsThem)
+{
+    REQUIRE_DISPLAY();
+    if (!velocast::test::haveFfprobe() || QStandardPaths::findExecutable("ffmpeg").isEmpty()) GTEST_SKIP() << "no ffmpeg here";
+    struct Patch {
+        uint8_t r, g, b;
+    };
+    const Patch patches[8] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 255},
+                              {128, 128, 128}, {255, 255, 0}, {0, 255, 255}, {200, 120, 40}};
+    struct DisplayCloser {
+        void operator()(Display *d) const { XCloseDisplay(d); }
+    };
+    std::unique_ptr<Display, DisplayCloser> dpy(XOpenDisplay(nullptr));
+    ASSERT_TRUE(dpy);
+    Display *d = dpy.get();
+    const int sw = DisplayWidth(d, DefaultScreen(d)), sh = DisplayHeight(d, DefaultScreen(d));
+    ASSERT_EQ(DefaultDepth(d, DefaultScreen(d)), 24);
+    XSetWindowAttributes attributes{};
+    attributes.override_redirect = True;
+    attributes.background_pixel = 0;
+    const Window w = XCreateWindow(d, DefaultRootWindow(d), 0, 0, unsigned(sw), unsigned(sh), 0, CopyFromParent, InputOutput, CopyFromParent,
+                                   CWOverrideRedirect | CWBackPixel, &attributes);
+    XMapRaised(d, w);
+    XSync(d, False);
+    GC gc = XCreateGC(d, w, 0, nullptr);
+    const int pw = sw / 4, ph = sh / 2;
+    auto paint = [&] {
+        for (int i = 0; i < 8; ++i) {
+            XSetForeground(d, gc, (unsigned long)patches[i].r << 16 | (unsigned long)patches[i].g << 8 | patches[i].b);
+            XFillRectangle(d, w, gc, (i % 4) * pw, (i / 4) * ph, unsigned(pw), unsigned(ph));
+        }
+        XSync(d, False);
+    };
+    paint();
+
+    CastRig rig;
+    REQUIRE_LINK(rig.link);
+    rig.capture.startPut();
+    ASSERT_TRUE(waitUntil([&] { return rig.capture.isPutting(); }, 20s));
+    paint(); // again, in case the first went to a window not yet shown
+    ASSERT_TRUE(waitUntil([&] { return rig.link.receiver.count("video_frame") >= 45; }, 30s));
+    rig.capture.stopPut();
+    ASSERT_TRUE(waitUntil([&] { return !rig.capture.isPutting(); }));
+    XFreeGC(d, gc);
+    XDestroyWindow(d, w);
+    XSync(d, False);
+
+    const QString file = QDir(rig.out).filePath("video.h264");
+    const QJsonObject vs = velocast::test::ffprobeStream(file, "width,height,color_space,color_range");
+    EXPECT_EQ(vs.value("color_space").toString(), "bt709") << QJsonDocument(vs).toJson().constData();
+    EXPECT_EQ(vs.value("color_range").toString(), "tv");
+    ASSERT_EQ(vs.value("width").toInt(), sw);
+    ASSERT_EQ(vs.value("height").toInt(), sh);
+    // Frame 40: well after the patches were on the screen.
+    QProcess ffmpeg;
+    ffmpeg.start("ffmpeg", {"-v", "error", "-i", file, "-vf", "select=eq(n\\,40)", "-frames:v", "1", "-f", "rawvideo", "-pix_fmt", "rgb24", "-"});
+    ASSERT_TRUE(ffmpeg.waitForFinished(60000));
+    const QByteArray rgb = ffmpeg.readAllStandardOutput();
+    ASSERT_EQ(rgb.size(), qsizetype(sw) * sh * 3) << ffmpeg.readAllStandardError().constData();
+    for (int i = 0; i < 8; ++i) {
+        // The mean of a 16x16 square in the patch's middle.
+        const int cx = (i % 4) * pw + pw / 2, cy = (i / 4) * ph + ph / 2;
+        double sum[3] = {};
+        for (int y = cy - 8; y < cy + 8; ++y)
+            for (int x = cx - 8; x < cx + 8; ++x)
+                for (int c = 0; c < 3; ++c) sum[c] += uint8_t(rgb[(qsizetype(y) * sw + x) * 3 + c]);
+        const uint8_t want[3] = {patches[i].r, patches[i].g, patches[i].b};
+        for (int c = 0; c < 3; ++c)
+            EXPECT_NEAR(sum[c] / 256, want[c], 6) << "patch " << i << " channel " << c;
+    }
 }
 
 } // namespace

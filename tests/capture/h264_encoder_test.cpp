@@ -240,3 +240,26 @@ TEST(H264HWEncoder, HardwareEncoderWhereADeviceExists)
     ASSERT_GE(keys.size(), 2u);
     EXPECT_LE(keys[1] - keys[0], 30u);
 }
+
+// What the encoder settings rely on to see a value the element did not take.
+TEST(GstProperties, SettersReportValuesTheElementDidNotTake)
+{
+    ensureGstreamer();
+    if (!elementExists("x264enc")) GTEST_SKIP() << "no x264enc here";
+    auto *e = GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("x264enc", nullptr)));
+    struct Case {
+        const char *name;
+        int (*set)(GstElement *);
+        int result;
+    };
+    const Case cases[] = {
+        {"int in range", [](GstElement *x) { return setIntProperty(x, "key-int-max", 30); }, 0},
+        {"int clamped", [](GstElement *x) { return setIntProperty(x, "bframes", 1000); }, kPropertyNotTaken},
+        {"enum by nick", [](GstElement *x) { return setArgProperty(x, "speed-preset", "ultrafast"); }, 0},
+        {"flags by nick", [](GstElement *x) { return setArgProperty(x, "tune", "zerolatency"); }, 0},
+        {"enum nick unknown", [](GstElement *x) { return setArgProperty(x, "speed-preset", "warp"); }, kPropertyNotTaken},
+        {"no such property", [](GstElement *x) { return setArgProperty(x, "gop-size", "30"); }, -1},
+    };
+    for (const Case &c : cases) EXPECT_EQ(c.set(e), c.result) << c.name;
+    gst_object_unref(e);
+}

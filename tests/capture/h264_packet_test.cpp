@@ -53,6 +53,50 @@ TEST(H264Packet, KeySampleCarriesSpsAndPpsInFront)
     EXPECT_EQ(noPps.packet(), (Bytes{0x00, 0x00, 0x00, 0x01, 0x65, 0x88, 0x84}));
 }
 
+// Byte-stream encoders repeat SPS and PPS inside key frames and may add access unit
+// delimiters; with the parameter sets beside the sample those copies are left out, wherever
+// they sit, and without them (unusable codec data) they are what the receiver gets.
+TEST(H264Packet, InBandHeadersGoOnlyWhenTheParameterSetsTravelBeside)
+{
+    const Bytes aud{0x00, 0x00, 0x00, 0x02, 0x09, 0xF0};
+    const Bytes sps{0x00, 0x00, 0x00, 0x02, 0x67, 0x42};
+    const Bytes pps{0x00, 0x00, 0x00, 0x02, 0x68, 0xCE};
+    const Bytes sei{0x00, 0x00, 0x00, 0x02, 0x06, 0x05};
+    const Bytes idr{0x00, 0x00, 0x00, 0x03, 0x65, 0x88, 0x84};
+    const Bytes idr2{0x00, 0x00, 0x00, 0x02, 0x65, 0x99};
+    auto join = [](std::initializer_list<Bytes> parts) {
+        Bytes out;
+        for (const Bytes &p : parts) out.insert(out.end(), p.begin(), p.end());
+        return out;
+    };
+    auto annexB = [](Bytes avcc) {
+        for (size_t o = 0; o + 4 <= avcc.size();) {
+            const size_t len = size_t(avcc[o + 3]);
+            avcc[o] = avcc[o + 1] = avcc[o + 2] = 0, avcc[o + 3] = 1;
+            o += 4 + len;
+        }
+        return avcc;
+    };
+    const Bytes front = annexB(join({{0, 0, 0, 5}, kSps, {0, 0, 0, 4}, kPps}));
+    struct Case {
+        const char *name;
+        Bytes avcc;
+        bool withSets;
+        Bytes body; // what follows the parameter sets in front
+    };
+    const Case cases[] = {
+        {"headers first", join({aud, sps, pps, idr}), true, annexB(idr)},
+        {"headers between units", join({sei, sps, idr, pps, idr2}), true, annexB(join({sei, idr, idr2}))},
+        {"headers last", join({idr, aud}), true, annexB(idr)},
+        {"nothing else", join({sps, pps}), true, {}},
+        {"no sets beside: all kept", join({aud, sps, pps, idr}), false, annexB(join({aud, sps, pps, idr}))},
+    };
+    for (const Case &c : cases) {
+        const H264Packet p(avccSample(c.avcc, true, c.withSets ? std::vector<ByteVector>{kSps, kPps} : std::vector<ByteVector>{}));
+        EXPECT_EQ(p.packet(), c.withSets ? join({front, c.body}) : c.body) << c.name;
+    }
+}
+
 TEST(H264Packet, LengthFieldsThatDoNotFitEndTheWalk)
 {
     struct Case {

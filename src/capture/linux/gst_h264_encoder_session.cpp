@@ -35,6 +35,21 @@ constexpr auto kFlushTimeout = std::chrono::seconds(3);
 
 int64_t kbit(int64_t bitrate) { return std::max<int64_t>(1, bitrate / 1000); }
 
+// Sets the fixed properties and keeps the ones the encoder did not take ("name=value"), so
+// that an encoder which keeps its own key-frame interval, say, shows in the log.
+struct FixedSettings {
+    GstElement *encoder;
+    std::vector<std::string> notTaken;
+    void set(const char *name, int value)
+    {
+        if (setIntProperty(encoder, name, value) != 0) notTaken.push_back(std::string(name) + '=' + std::to_string(value));
+    }
+    void set(const char *name, const char *value)
+    {
+        if (setArgProperty(encoder, name, value) != 0) notTaken.push_back(std::string(name) + '=' + value);
+    }
+};
+
 // Per-encoder settings. Each gets the same intent: average rate b with a cap of 2b in any
 // one-second window, a key frame at least every 30 frames, no B-frames or reordering, the
 // lowest-latency mode, and Baseline (Constrained Baseline where that is all it offers).
@@ -51,7 +66,7 @@ struct EncoderProfile {
     // sum of the property statuses.
     int (*applyRate)(GstElement *encoder, int64_t bitrate);
     // Key-frame interval, latency, B-frames, output form.
-    void (*applyFixed)(GstElement *encoder);
+    void (*applyFixed)(FixedSettings &encoder);
     // The properties applyRate touches; the rate changes live only when all are mutable
     // while PLAYING.
     std::initializer_list<const char *> rateProperties;
@@ -63,30 +78,30 @@ const EncoderProfile kProfiles[] = {
     {"vah264lpenc", true, "constrained-baseline",
      [](GstElement *e, int64_t) { return setArgProperty(e, "rate-control", "cbr"); },
      [](GstElement *e, int64_t b) { return setIntProperty(e, "bitrate", kbit(b)) + setIntProperty(e, "cpb-size", kbit(b)); },
-     [](GstElement *e) { setIntProperty(e, "key-int-max", 30); setIntProperty(e, "b-frames", 0); setIntProperty(e, "target-usage", 7); },
+     [](FixedSettings &e) { e.set("key-int-max", 30); e.set("b-frames", 0); e.set("target-usage", 7); },
      {"bitrate", "cpb-size"}, false},
     {"vah264enc", true, "constrained-baseline",
      [](GstElement *e, int64_t) { return setArgProperty(e, "rate-control", "cbr"); },
      [](GstElement *e, int64_t b) { return setIntProperty(e, "bitrate", kbit(b)) + setIntProperty(e, "cpb-size", kbit(b)); },
-     [](GstElement *e) { setIntProperty(e, "key-int-max", 30); setIntProperty(e, "b-frames", 0); setIntProperty(e, "target-usage", 7); },
+     [](FixedSettings &e) { e.set("key-int-max", 30); e.set("b-frames", 0); e.set("target-usage", 7); },
      {"bitrate", "cpb-size"}, false},
     {"vaapih264enc", true, "constrained-baseline",
      // A 1000 ms coded picture buffer: at most rate x 1 s + buffer = 2b in any second.
      [](GstElement *e, int64_t) { return setArgProperty(e, "rate-control", "cbr") + setIntProperty(e, "cpb-length", 1000); },
      [](GstElement *e, int64_t b) { return setIntProperty(e, "bitrate", kbit(b)); },
-     [](GstElement *e) { setIntProperty(e, "keyframe-period", 30); setIntProperty(e, "max-bframes", 0); setArgProperty(e, "tune", "low-power"); },
+     [](FixedSettings &e) { e.set("keyframe-period", 30); e.set("max-bframes", 0); e.set("tune", "low-power"); },
      {"bitrate"}, false},
     {"nvh264enc", true, "baseline",
      [](GstElement *e, int64_t) { return setArgProperty(e, "rc-mode", "cbr"); },
      [](GstElement *e, int64_t b) {
          return setIntProperty(e, "bitrate", kbit(b)) + setIntProperty(e, "max-bitrate", kbit(2 * b)) + setIntProperty(e, "vbv-buffer-size", kbit(b));
      },
-     [](GstElement *e) {
-         setIntProperty(e, "gop-size", 30);
-         setArgProperty(e, "preset", "low-latency-hp");
-         setArgProperty(e, "zerolatency", "true");
-         setIntProperty(e, "bframes", 0);
-         setIntProperty(e, "rc-lookahead", 0);
+     [](FixedSettings &e) {
+         e.set("gop-size", 30);
+         e.set("preset", "low-latency-hp");
+         e.set("zerolatency", "true");
+         e.set("bframes", 0);
+         e.set("rc-lookahead", 0);
      },
      {"bitrate", "max-bitrate", "vbv-buffer-size"}, false},
     {"v4l2h264enc", true, "constrained-baseline",
@@ -97,33 +112,33 @@ const EncoderProfile kProfiles[] = {
                                       + ",video_gop_size=30,h264_i_frame_period=30,video_b_frames=0";
          return setArgProperty(e, "extra-controls", controls.c_str());
      },
-     [](GstElement *) {}, {"extra-controls"}, false},
+     [](FixedSettings &) {}, {"extra-controls"}, false},
     {"x264enc", false, "baseline",
      // pass=cbr makes x264 set vbv-maxrate = bitrate; a 1000 ms VBV buffer then bounds any
      // one-second window by rate x 1 s + buffer = 2b. (An option-string vbv-maxrate would
      // be overridden by the pass setting.)
      [](GstElement *e, int64_t) { return setArgProperty(e, "pass", "cbr") + setIntProperty(e, "vbv-buf-capacity", 1000); },
      [](GstElement *e, int64_t b) { return setIntProperty(e, "bitrate", kbit(b)); },
-     [](GstElement *e) {
-         setArgProperty(e, "speed-preset", "ultrafast");
-         setArgProperty(e, "tune", "zerolatency");
+     [](FixedSettings &e) {
+         e.set("speed-preset", "ultrafast");
+         e.set("tune", "zerolatency");
          // One thread, so one slice per picture, as a hardware encoder gives. On two cores
          // the sliced threads of zerolatency cut the per-picture time a little but cost
          // about 15 % more CPU in thread hand-offs, and leave no core to capture.
-         setIntProperty(e, "threads", 1);
-         setIntProperty(e, "key-int-max", 30);
-         setIntProperty(e, "bframes", 0);
+         e.set("threads", 1);
+         e.set("key-int-max", 30);
+         e.set("bframes", 0);
          // SPS and PPS only in codec_data, no access unit delimiters: the packetiser puts
          // the parameter sets in front of key frames itself.
-         setArgProperty(e, "aud", "false");
-         setArgProperty(e, "option-string", "repeat-headers=0");
+         e.set("aud", "false");
+         e.set("option-string", "repeat-headers=0");
      },
      {"bitrate"}, false},
     {"openh264enc", false, "constrained-baseline",
      [](GstElement *e, int64_t) { return setArgProperty(e, "rate-control", "bitrate"); },
      // openh264 does not enforce max-bitrate; it is set for what it is worth.
      [](GstElement *e, int64_t b) { return setIntProperty(e, "bitrate", b) + setIntProperty(e, "max-bitrate", 2 * b); },
-     [](GstElement *e) { setIntProperty(e, "gop-size", 30); setArgProperty(e, "usage-type", "camera"); setArgProperty(e, "complexity", "low"); },
+     [](FixedSettings &e) { e.set("gop-size", 30); e.set("usage-type", "camera"); e.set("complexity", "low"); },
      // Its "bitrate" is flagged mutable, but a change while running fails inside openh264
      // and the old rate stays; a new session is the only way.
      {"bitrate"}, true},
@@ -183,6 +198,10 @@ public:
                                           settings_.inputWidth, "height", G_TYPE_INT, settings_.inputHeight, "framerate",
                                           GST_TYPE_FRACTION, settings_.expectedFrameRate, 1, "pixel-aspect-ratio", GST_TYPE_FRACTION,
                                           1, 1, nullptr));
+        // The screen capture converts with the BT.709 matrix into video range; said so here,
+        // the encoder writes it into the stream's VUI for every picture size.
+        if (settings_.inputFormat == "NV12")
+            gst_caps_set_simple(in.get(), "colorimetry", G_TYPE_STRING, "bt709", nullptr);
         g_object_set(src, "caps", in.get(), "format", GST_FORMAT_TIME, "is-live", TRUE, "max-buffers", guint64(kMaxQueuedPictures),
                      "block", FALSE, nullptr);
         setArgProperty(src, "leaky-type", "downstream");
@@ -198,7 +217,12 @@ public:
         g_object_set(avcCaps, "caps", avc.get(), nullptr);
 
         status.bitrate = profile_.applyRateMode(enc, settings_.bitrate) + profile_.applyRate(enc, settings_.bitrate);
-        profile_.applyFixed(enc);
+        FixedSettings fixed{enc, {}};
+        profile_.applyFixed(fixed);
+        for (const std::string &setting : fixed.notTaken)
+            logLine(lcCapture(), QStringLiteral("H264HWEncoder: %1 did not take %2").arg(QString::fromStdString(name_), QString::fromStdString(setting)));
+        if (status.bitrate != 0)
+            logLine(lcCapture(), QStringLiteral("H264HWEncoder: %1 did not take all of its rate settings").arg(QString::fromStdString(name_)));
         liveRate_ = !profile_.liveRateBroken;
         for (const char *p : profile_.rateProperties) liveRate_ = liveRate_ && isMutableWhilePlaying(enc, p);
 
@@ -279,45 +303,14 @@ private:
         // running time is the time that went in.
         const GstClockTime pts = gst_segment_to_running_time(gst_sample_get_segment(sample.get()), GST_FORMAT_TIME, GST_BUFFER_PTS(buffer));
         const bool sync = !GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
-        GstBufferPtr units = withoutInBandHeaders(buffer);
-        const MediaSample compressed = MediaSample::h264(units ? std::move(units) : GstBufferPtr(gst_buffer_ref(buffer)),
+        // Shared, not copied: the packetiser leaves out the SPS and PPS (and access unit
+        // delimiters) that byte-stream encoders repeat inside their frames.
+        const MediaSample compressed = MediaSample::h264(GstBufferPtr(gst_buffer_ref(buffer)),
                                                          pts == GST_CLOCK_TIME_NONE ? MediaTime() : MediaTime::fromNanoseconds(pts),
                                                          sync, that->parameterSets_);
         that->produced_.store(true);
         that->onOutput_(&compressed);
         return GST_FLOW_OK;
-    }
-
-    // Encoders that write a byte stream (openh264enc, the hardware ones) repeat SPS and PPS
-    // inside key frames, and some add access unit delimiters; h264parse keeps them. The
-    // parameter sets travel beside the sample (the packetiser puts them in front of key
-    // frames), so these NAL units are taken out: null when there are none to take out,
-    // otherwise a new buffer with the rest.
-    static GstBufferPtr withoutInBandHeaders(GstBuffer *buffer)
-    {
-        MappedBuffer data(buffer);
-        if (!data.ok()) return nullptr;
-        const std::span<const uint8_t> b = data.bytes();
-        auto isHeader = [](uint8_t nal) {
-            const int type = nal & 0x1F;
-            return type == 7 || type == 8 || type == 9;
-        };
-        bool any = false;
-        for (size_t off = 0; off + 4 < b.size();) {
-            const size_t len = size_t(b[off]) << 24 | size_t(b[off + 1]) << 16 | size_t(b[off + 2]) << 8 | b[off + 3];
-            if (len > b.size() - off - 4) return nullptr; // malformed: left to the packetiser's checks
-            if (len > 0 && isHeader(b[off + 4])) any = true;
-            off += 4 + len;
-        }
-        if (!any) return nullptr;
-        std::vector<uint8_t> kept;
-        kept.reserve(b.size());
-        for (size_t off = 0; off + 4 < b.size();) {
-            const size_t len = size_t(b[off]) << 24 | size_t(b[off + 1]) << 16 | size_t(b[off + 2]) << 8 | b[off + 3];
-            if (len == 0 || !isHeader(b[off + 4])) kept.insert(kept.end(), b.begin() + std::ptrdiff_t(off), b.begin() + std::ptrdiff_t(off + 4 + len));
-            off += 4 + len;
-        }
-        return bufferFromBytes(kept);
     }
 
     // Streaming thread. Re-reads SPS and PPS only when the caps object changed.
@@ -326,7 +319,7 @@ private:
         if (!caps || caps == lastCaps_.get()) return;
         // Held so that its address cannot be reused by other caps while we compare against it.
         lastCaps_.reset(gst_caps_ref(caps));
-        parameterSets_.clear();
+        parameterSets_.reset();
         const GValue *cd = gst_structure_get_value(gst_caps_get_structure(caps, 0), "codec_data");
         if (!cd || !GST_VALUE_HOLDS_BUFFER(cd)) return;
         MappedBuffer record(gst_value_get_buffer(cd));
@@ -336,7 +329,7 @@ private:
                                      .arg(QString::fromStdString(name_)));
             return;
         }
-        parameterSets_ = {config->sps.front(), config->pps.front()};
+        parameterSets_ = std::make_shared<const std::vector<ByteVector>>(std::vector<ByteVector>{config->sps.front(), config->pps.front()});
     }
 
     static void onEos(GstAppSink *, gpointer self)
@@ -372,7 +365,7 @@ private:
     GstClockTime lastPts_ = GST_CLOCK_TIME_NONE; // encodeFrame's thread only
     // Streaming thread only.
     GstCapsPtr lastCaps_;
-    std::vector<ByteVector> parameterSets_;
+    std::shared_ptr<const std::vector<ByteVector>> parameterSets_; // one copy for all frames until the caps change
     std::atomic<bool> produced_{false};
     std::atomic<bool> failed_{false};
     std::mutex mutex_;

@@ -1,0 +1,189 @@
+// The screen's picture path: BGRx -> NV12 (BT.709, video range) checked against the
+// matrix in floating point both ways, and the pacer that keeps the frame rate by handing
+// out the last picture again.
+#include "capture/nv12_converter.h"
+#include "capture/picture_pacer.h"
+#include "media_test_support.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <vector>
+
+using namespace velocast::capture;
+using velocast::test::Collector;
+
+namespace {
+
+struct Rgb {
+    uint8_t r, g, b;
+};
+
+// The reference values of the BT.709 video-range matrix, in floating point.
+Bt709Pixel exactBt709(Rgb c)
+{
+    const double r = c.r / 255.0, g = c.g / 255.0, b = c.b / 255.0;
+    const double y = 0.2126 * r + 0.7152 * g + 0.0722 * b;
+    const double cb = (b - y) / 1.8556, cr = (r - y) / 1.5748;
+    return {uint8_t(std::lround(16 + 219 * y)), uint8_t(std::lround(128 + 224 * cb)), uint8_t(std::lround(128 + 224 * cr))};
+}
+
+// Decodes one NV12 sample with the inverse BT.709 video-range matrix.
+Rgb decodeBt709(uint8_t y, uint8_t cb, uint8_t cr)
+{
+    const double l = (y - 16) / 219.0, pb = (cb - 128) / 224.0, pr = (cr - 128) / 224.0;
+    auto byte = [](double v) { return uint8_t(std::lround(std::clamp(v, 0.0, 1.0) * 255)); };
+    return {byte(l + 1.5748 * pr), byte(l - 0.1873 * pb - 0.4681 * pr), byte(l + 1.8556 * pb)};
+}
+
+const Rgb kColours[] = {{0, 0, 0}, {255, 255, 255}, {128, 128, 128}, {255, 0, 0}, {0, 255, 0}, {0, 0, 255},
+                        {255, 255, 0}, {0, 255, 255}, {255, 0, 255}, {200, 120, 40}, {17, 89, 201}};
+
+TEST(Nv12Converter, EachColourMatchesTheBt709VideoRangeMatrix)
+{
+    for (const Rgb c : kColours) {
+        const Bt709Pixel got = bt709VideoRange(c.r, c.g, c.b), want = exactBt709(c);
+        EXPECT_LE(std::abs(got.y - want.y), 1) << int(c.r) << "," << int(c.g) << "," << int(c.b);
+        EXPECT_LE(std::abs(got.cb - want.cb), 1) << int(c.r) << "," << int(c.g) << "," << int(c.b);
+        EXPECT_LE(std::abs(got.cr - want.cr), 1) << int(c.r) << "," << int(c.g) << "," << int(c.b);
+        if (c.r == c.g && c.g == c.b) {
+            EXPECT_TRUE(got.cb == 128 && got.cr == 128) << "grey has no chroma";
+        }
+    }
+}
+
+// Patches of each colour, 4x4 pixels, in pictures of even and odd sizes; decoded back to
+// RGB with BT.709, every pixel lands near its colour, and nothing is written past the
+// planes (the guard bytes after each row keep their value).
+TEST(Nv12Converter, PicturesRoundTripThroughTheInverseMatrix)
+{
+    struct Size {
+        int w, h;
+    };
+    for (const Size s : {Size{44, 8}, Size{45, 9}, Size{4, 4}, Size{1, 1}}) {
+        const int stride = s.w * 4 + 12; // padded source rows
+        std::vector<uint8_t> src(size_t(stride) * s.h, 0xEE);
+        auto colourAt = [&](int x, int y) { return kColours[size_t((x / 4 + y / 4) % std::size(kColours))]; };
+        for (int y = 0; y < s.h; ++y)
+            for (int x = 0; x < s.w; ++x) {
+                const Rgb c = colourAt(x, y);
+                uint8_t *p = &src[size_t(y) * stride + size_t(x) * 4];
+                p[0] = c.b, p[1] = c.g, p[2] = c.r, p[3] = 0x55;
+            }
+        const int yStride = s.w + 3, uvStride = ((s.w + 1) & ~1) + 5;
+        constexpr uint8_t kGuard = 0xA5;
+        std::vector<uint8_t> y(size_t(yStride) * s.h, kGuard), uv(size_t(uvStride) * ((s.h + 1) / 2), kGuard);
+        ASSERT_TRUE(convertBgrxToNv12(src.data(), stride, s.w, s.h, {y.data(), yStride, uv.data(), uvStride}));
+        for (int row = 0; row < s.h; ++row)
+            for (int x = s.w; x < yStride; ++x) ASSERT_EQ(y[size_t(row) * yStride + x], kGuard) << s.w << "x" << s.h;
+        for (int row = 0; row < (s.h + 1) / 2; ++row)
+            for (int x = (s.w + 1) & ~1; x < uvStride; ++x) ASSERT_EQ(uv[size_t(row) * uvStride + x], kGuard) << s.w << "x" << s.h;
+
+        for (int row = 0; row < s.h; ++row)
+            for (int x = 0; x < s.w; ++x) {
+                // Where a 2x2 block mixes patches the chroma is their average: only pixels
+                // whose block is one colour are compared.
+                const Rgb c = colourAt(x, row);
+                const int bx = x & ~1, by = row & ~1;
+                bool uniform = true;
+                for (int dy = 0; dy < 2; ++dy)
+                    for (int dx = 0; dx < 2; ++dx) {
+                        const Rgb o = colourAt(std::min(bx + dx, s.w - 1), std::min(by + dy, s.h - 1));
+                        uniform = uniform && o.r == c.r && o.g == c.g && o.b == c.b;
+                    }
+                if (!uniform) continue;
+                const uint8_t *chroma = &uv[size_t(row / 2) * uvStride + size_t(x / 2) * 2];
+                const Rgb p = decodeBt709(y[size_t(row) * yStride + x], chroma[0], chroma[1]);
+                EXPECT_LE(std::abs(p.r - c.r), 4) << s.w << "x" << s.h << " at " << x << "," << row;
+                EXPECT_LE(std::abs(p.g - c.g), 4) << s.w << "x" << s.h << " at " << x << "," << row;
+                EXPECT_LE(std::abs(p.b - c.b), 4) << s.w << "x" << s.h << " at " << x << "," << row;
+            }
+    }
+}
+
+TEST(Nv12Converter, RefusesSizesThePlanesCannotHold)
+{
+    std::vector<uint8_t> src(64 * 4 * 4), y(64 * 4), uv(64 * 2);
+    struct Case {
+        const char *name;
+        int stride, width, height, yStride, uvStride;
+    };
+    const Case cases[] = {
+        {"zero width", 64, 0, 4, 64, 64},         {"negative height", 64 * 4, 4, -2, 64, 64}, {"source stride short", 63, 16, 4, 16, 16},
+        {"Y stride short", 64, 16, 4, 15, 16},     {"UV stride short of the even width", 64 * 4, 15, 2, 16, 15},
+    };
+    for (const Case &c : cases)
+        EXPECT_FALSE(convertBgrxToNv12(src.data(), c.stride, c.width, c.height, {y.data(), c.yStride, uv.data(), c.uvStride})) << c.name;
+}
+
+struct Delivered {
+    GstBuffer *buffer; // identity only, not dereferenced
+    uint64_t ns;
+    int width;
+};
+
+TEST(PicturePacer, RepeatsTheLastPictureAtEveryTickAndReusesFreedBuffers)
+{
+    ensureGstreamer();
+    Collector<Delivered> out;
+    std::vector<MediaSample> held; // what a slow encoder would still hold
+    PicturePacer pacer("pacer test", 30, [&](const MediaSample &p) { out.add({p.buffer(), p.presentationTime().toNanoseconds(), p.width()}); });
+    std::vector<uint8_t> grey(16 * 8 * 4, 0x80);
+    ASSERT_TRUE(pacer.submitBgrx(grey.data(), 16 * 4, 16, 8));
+    pacer.start();
+    for (size_t n : {5u, 10u}) {
+        ASSERT_TRUE(out.waitFor(n));
+        ASSERT_TRUE(pacer.submitBgrx(grey.data(), 16 * 4, 16, 8));
+    }
+    ASSERT_TRUE(out.waitFor(15));
+    pacer.stop();
+    const std::vector<Delivered> got = out.items();
+    const PicturePacer::Stats stats = pacer.stats();
+    EXPECT_EQ(stats.ticks, got.size());
+    EXPECT_EQ(stats.converted, 3u);
+    EXPECT_EQ(stats.repeated, got.size() - 3) << "only the three new pictures were not repeats";
+    std::vector<GstBuffer *> distinct;
+    for (size_t i = 0; i < got.size(); ++i) {
+        if (i > 0) {
+            EXPECT_GT(got[i].ns, got[i - 1].ns) << "tick times rise";
+        }
+        if (distinct.empty() || distinct.back() != got[i].buffer) distinct.push_back(got[i].buffer);
+    }
+    // A repeat is the same picture, not a copy; the second picture needs a second buffer
+    // (the first is still the one shown while it is converted); the third takes the first
+    // one back, which nobody holds any more.
+    ASSERT_EQ(distinct.size(), 3u);
+    EXPECT_NE(distinct[0], distinct[1]);
+    EXPECT_EQ(distinct[0], distinct[2]);
+
+    // Stopped: nothing more comes out.
+    const size_t afterStop = out.count();
+    EXPECT_TRUE(pacer.submitBgrx(grey.data(), 16 * 4, 16, 8));
+    EXPECT_EQ(out.count(), afterStop);
+    // Refused: a size the planes cannot take.
+    EXPECT_FALSE(pacer.submitBgrx(grey.data(), 8, 16, 8));
+    EXPECT_EQ(pacer.stats().refused, 1u);
+}
+
+TEST(PicturePacer, PoolHandsOutOnlyBuffersNobodyHolds)
+{
+    ensureGstreamer();
+    Nv12PicturePool pool(2);
+    GstBufferPtr a = pool.acquire(16, 8), b = pool.acquire(16, 8);
+    ASSERT_TRUE(a && b);
+    EXPECT_NE(a.get(), b.get());
+    EXPECT_EQ(pool.acquire(16, 8), nullptr) << "both in use";
+    // A shallow copy (what the encoder queues) shares the memory: still in use.
+    GstBuffer *queued = gst_buffer_copy(a.get());
+    a.reset();
+    EXPECT_EQ(pool.acquire(16, 8), nullptr);
+    gst_buffer_unref(queued);
+    GstBufferPtr again = pool.acquire(16, 8);
+    ASSERT_TRUE(again);
+    EXPECT_EQ(gst_buffer_get_size(again.get()), size_t(16 * 8 * 3 / 2));
+    EXPECT_EQ(pool.acquire(1, 8), nullptr) << "no picture of that size";
+}
+
+} // namespace
