@@ -119,18 +119,79 @@ void MacScreenCapture::stopPut()
 void MacScreenCapture::startPutFuction()
 {
     std::lock_guard lock(sessionMutex_);
-    if (isPutting_.load()) return;
+    if (isPutting_.load() || preparing_) return;
     // Audio stays off until the receiver asks for it.
     isAudioUse_.store(false);
-    if (!captureSession_) configScreenCapture();
-    if (!captureSession_) return; // configScreenCapture said why
+    if (captureSession_) {
+        continueStart();
+        return;
+    }
+    if (!backend_ && backendFactory_) backend_ = backendFactory_();
+    if (!backend_) {
+        logLine(lcCapture(), QStringLiteral("screen capture is not available here; the cast does not start"));
+        return;
+    }
+    logLine(lcCapture(), QStringLiteral("casting with the %1 capture backend").arg(backend_->name()));
+    // The desktop may ask the person what to share: the window stays usable meanwhile, and
+    // the cast goes on (or ends) when the answer comes, on this thread.
+    preparing_ = true;
+    std::weak_ptr<MacScreenCapture *> weak = life_;
+    backend_->setEndedHandler([weak](const QString &why) {
+        if (const auto life = weak.lock()) (*life)->endCastWithReason(why);
+    });
+    backend_->prepareCapture([weak](bool ok, const QString &why) {
+        const auto life = weak.lock();
+        if (!life) return;
+        MacScreenCapture *self = *life;
+        std::lock_guard relock(self->sessionMutex_);
+        if (!self->preparing_) return; // stopped while the person was choosing
+        self->preparing_ = false;
+        if (!ok) {
+            self->endCastWithReason(why);
+            return;
+        }
+        self->configScreenCapture();
+        if (!self->captureSession_) {
+            self->backend_->finishCapture();
+            return; // configScreenCapture said why
+        }
+        self->continueStart();
+    });
+}
+
+void MacScreenCapture::continueStart()
+{
+    std::lock_guard lock(sessionMutex_);
     isPutting_.store(true);
     captureSession_->startRunning();
     if (auto enc = encoder()) enc->startLiving(ipStr(), vPort_.load(), aPort_.load());
 }
 
+void MacScreenCapture::endCastWithReason(const QString &why)
+{
+    logLine(lcCapture(), QStringLiteral("the cast ends: %1").arg(why));
+    {
+        std::lock_guard lock(sessionMutex_);
+        preparing_ = false;
+        if (!isPutting_.load() && backend_) backend_->finishCapture();
+    }
+    listenMsg(false);
+    stopPut();
+    auto &center = NotificationCenter::defaultCenter();
+    center.post(QString::fromLatin1(notice::NOTICE_BESTOPSCREENCAPTURE));
+    center.post(QString::fromLatin1(notice::NOTICE_SCREENCAPTURESTATE), QVariantList{false, why});
+}
+
 void MacScreenCapture::stopPutFouction()
 {
+    {
+        // A stop while the person is still choosing what to share: the answer is dropped.
+        std::lock_guard lock(sessionMutex_);
+        if (preparing_) {
+            preparing_ = false;
+            if (backend_) backend_->finishCapture();
+        }
+    }
     if (!isPutting_.load()) return;
     isAudioUse_.store(false);
     std::weak_ptr<MacScreenCapture *> weak = life_;
@@ -144,6 +205,7 @@ void MacScreenCapture::stopPutFouction()
         // The next start builds a fresh capture and a fresh encoder bridge; this bridge is
         // stopped here and kept until then.
         self->releaseCaptureSession();
+        if (self->backend_) self->backend_->finishCapture();
         if (auto enc = self->encoder()) enc->stopCamera();
     });
 }
@@ -155,6 +217,7 @@ void MacScreenCapture::audioEnable(bool enable) { isAudioUse_.store(enable); }
 void MacScreenCapture::changeSizeForCount(int64_t count)
 {
     if (count <= 0) return;
+    splitCount_.store(count);
     const int64_t divisor = count == 1 ? 1 : count <= 6 ? 2 : 3;
     const auto enc = encoder();
     if (!enc) return;
@@ -239,6 +302,7 @@ void MacScreenCapture::mouseEventWithType(int32_t type, int32_t x, int32_t y, in
 void MacScreenCapture::configScreenCapture()
 {
     std::lock_guard lock(sessionMutex_);
+    splitCount_.store(1);
     if (!backend_ && backendFactory_) backend_ = backendFactory_();
     if (!backend_) {
         logLine(lcCapture(), QStringLiteral("screen capture is not available here; the cast does not start"));
@@ -307,6 +371,7 @@ void MacScreenCapture::configEncoder()
         if (display_) size = QSizeF(display_->width, display_->height);
     }
     setScreenSize(size);
+    pictureSize_.store((int64_t(size.width()) << 32) | int64_t(size.height()));
     fresh->changeOutputSize({size.width(), size.height()});
     bitRate_.store(kFullBitRate);
     fresh->changeBitrate(kFullBitRate);
@@ -329,12 +394,26 @@ void MacScreenCapture::captureOutput(const capture::MediaSample &sample, Output 
     const auto enc = encoder();
     if (!enc) return;
     if (output == Output::Video) {
+        followPictureSize(sample.width(), sample.height());
         videoForwarded_.fetch_add(1);
         enc->pushBuffer(sample);
     } else if (isAudioUse_.load()) {
         audioForwarded_.fetch_add(1);
         enc->pushAudioBuffer(sample);
     }
+}
+
+// The screen being shared can change size during a cast (a monitor re-arranged, or a portal
+// that did not say the size up front): screenSize and the encoder follow the pictures, and
+// the encoder starts again at the new size with a key frame. Capture thread.
+void MacScreenCapture::followPictureSize(int width, int height)
+{
+    if (width <= 0 || height <= 0) return;
+    const int64_t packed = (int64_t(width) << 32) | int64_t(height);
+    if (pictureSize_.exchange(packed) == packed) return;
+    logLine(lcCapture(), QStringLiteral("the shared screen is now %1x%2").arg(width).arg(height));
+    setScreenSize(QSizeF(width, height));
+    changeSizeForCount(splitCount_.load());
 }
 
 // --- Fit ---------------------------------------------------------------------------------

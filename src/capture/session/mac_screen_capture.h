@@ -50,7 +50,7 @@ public:
 
     // Separate instances exist for tests (each observes the notifications while it lives);
     // the program uses shareCapture(). The backend is made when the first cast is built.
-    explicit MacScreenCapture(BackendFactory backendFactory = capture::makeX11CaptureBackend);
+    explicit MacScreenCapture(BackendFactory backendFactory = capture::makeCaptureBackendForSession);
     // Stops a running capture and the encoder bridge, and removes every observation.
     ~MacScreenCapture();
     MacScreenCapture(const MacScreenCapture &) = delete;
@@ -63,8 +63,13 @@ public:
     // The application ends the cast: tell the receiver (always), then stop.
     void stopPut();
     // Starts capture and the push to ipStr; nothing while casting. Builds the capture first
-    // when none exists; without a display to capture it logs why and does not start.
+    // when none exists; without a display to capture it logs why and does not start. On a
+    // desktop that asks the person what to share (the Wayland portal) this returns at once
+    // and the cast starts, or ends with endCastWithReason, when the person has answered.
     void startPutFuction();
+    // The cast ends as if the application had stopped it (the receiver is told, the panel
+    // goes back to its start state) and the window shows why in a toast.
+    void endCastWithReason(const QString &why);
     // Stops capture and the push: clears isAudioUse at once, the rest on the main thread.
     void stopPutFouction();
     void pausePut(bool pause);
@@ -138,6 +143,8 @@ private:
     class CaptureSession;
 
     void releaseCaptureSession();
+    void continueStart();
+    void followPictureSize(int width, int height);
     std::shared_ptr<push::CameraEncoder> encoder() const;
 
     const BackendFactory backendFactory_;
@@ -155,6 +162,11 @@ private:
     std::atomic<bool> isPutting_{false};
     std::atomic<bool> isPause_{false};
     std::atomic<bool> isAudioUse_{false};
+    // Between asking the desktop what to share and its answer (main thread only).
+    bool preparing_ = false;
+    // The picture size the encoder was last set up for, and the receiver's last split count.
+    std::atomic<int64_t> pictureSize_{0};
+    std::atomic<int64_t> splitCount_{1};
 
     std::atomic<uint64_t> videoCaptured_{0};
     std::atomic<uint64_t> videoForwarded_{0};
