@@ -77,7 +77,9 @@ public:
 // X11 (XRandR primary output, ximagesrc) and PulseAudio (pulsesrc) on GStreamer.
 std::unique_ptr<CaptureBackend> makeX11CaptureBackend();
 // The desktop portal's screen cast (pipewiresrc) and PulseAudio, for Wayland sessions.
-std::unique_ptr<CaptureBackend> makePortalCaptureBackend();
+// pointerInput: share through a remote-desktop session (one dialog for the screen and the
+// receiver's pointer) where the desktop offers one; otherwise a plain screen cast.
+std::unique_ptr<CaptureBackend> makePortalCaptureBackend(bool pointerInput = true);
 
 enum class SessionKind { X11, Wayland };
 // Which kind of desktop session this is, from XDG_SESSION_TYPE ("wayland", "x11") and,

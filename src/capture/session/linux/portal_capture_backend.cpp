@@ -40,6 +40,7 @@ QString plainWords(PortalSession::Outcome outcome, const QString &why)
 
 class PortalCaptureBackend final : public CaptureBackend, public PortalBackend {
 public:
+    explicit PortalCaptureBackend(bool pointerInput) : pointerInput_(pointerInput) {}
     ~PortalCaptureBackend() override { finishCapture(); }
 
     QString name() const override { return QStringLiteral("portal"); }
@@ -48,7 +49,7 @@ public:
     {
         finishCapture();
         const QString token = Preferences::value(QString::fromLatin1(prefkey::ScreenCastRestoreToken)).toString();
-        session_ = std::make_unique<PortalSession>(QDBusConnection::sessionBus(), token);
+        session_ = std::make_unique<PortalSession>(QDBusConnection::sessionBus(), token, pointerInput_);
         PortalSession *session = session_.get();
         session->setClosedHandler([this] {
             if (ended_) ended_(QStringLiteral("Screen sharing was stopped from the desktop, so the cast ended."));
@@ -136,6 +137,7 @@ public:
     PortalSession *portalSession() override { return session_ && fd_ >= 0 ? session_.get() : nullptr; }
 
 private:
+    const bool pointerInput_;
     std::unique_ptr<CaptureBackend> sound_ = makeX11CaptureBackend();
     std::unique_ptr<PortalSession> session_;
     std::function<void(const QString &)> ended_;
@@ -144,7 +146,10 @@ private:
 
 } // namespace
 
-std::unique_ptr<CaptureBackend> makePortalCaptureBackend() { return std::make_unique<PortalCaptureBackend>(); }
+std::unique_ptr<CaptureBackend> makePortalCaptureBackend(bool pointerInput)
+{
+    return std::make_unique<PortalCaptureBackend>(pointerInput);
+}
 
 SessionKind sessionKind(const QString &xdgSessionType, const QString &waylandDisplay)
 {

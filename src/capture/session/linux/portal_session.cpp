@@ -84,8 +84,8 @@ bool readFirstStream(const QVariant &value, PortalSession::Stream *stream)
 
 } // namespace
 
-PortalSession::PortalSession(QDBusConnection bus, QString restoreToken, QObject *parent)
-    : QObject(parent), bus_(std::move(bus)), offeredToken_(std::move(restoreToken))
+PortalSession::PortalSession(QDBusConnection bus, QString restoreToken, bool wantRemoteDesktop, QObject *parent)
+    : QObject(parent), bus_(std::move(bus)), offeredToken_(std::move(restoreToken)), wantRemoteDesktop_(wantRemoteDesktop)
 {
 }
 
@@ -123,7 +123,7 @@ void PortalSession::start(Done done)
         if (!reply.isError()) {
             const QVariantMap props = reply.value();
             const uint32_t types = props.value(QStringLiteral("AvailableDeviceTypes")).toUInt();
-            remoteDesktop_ = (types & kPointer) != 0;
+            remoteDesktop_ = wantRemoteDesktop_ && (types & kPointer) != 0;
             persistOnDevices_ = props.value(QStringLiteral("version")).toUInt() >= 2;
         }
         createSession();

@@ -41,8 +41,11 @@ public:
     };
     using Done = std::function<void(Outcome outcome, const QString &why)>;
 
-    // restoreToken: from an earlier session, or empty to ask the person.
-    PortalSession(QDBusConnection bus, QString restoreToken, QObject *parent = nullptr);
+    // restoreToken: from an earlier session, or empty to ask the person. wantRemoteDesktop:
+    // use the remote-desktop portal where the desktop has one. Its version 1 (portal
+    // frontends before 1.17) cannot keep the person's choice, so such a session asks again
+    // at every cast; a plain screen-cast session remembers.
+    PortalSession(QDBusConnection bus, QString restoreToken, bool wantRemoteDesktop = true, QObject *parent = nullptr);
     ~PortalSession() override;
 
     // Runs the whole exchange; done is called once, later, on this object's thread.
@@ -86,6 +89,7 @@ private:
 
     QDBusConnection bus_;
     const QString offeredToken_;
+    const bool wantRemoteDesktop_;
     Done done_;
     std::function<void()> closedHandler_;
     Step step_ = Step::Idle;
