@@ -1,12 +1,22 @@
 #include "capture/session/mac_screen_capture.h"
 
 #include "capture/gst_util.h"
+#include "capture/input/input_event.h"
+#include "capture/input/linux/virtual_pointer_injector.h"
+#include "capture/input/mouse_event.h"
+#include "capture/session/linux/portal_backend.h"
+#include "capture/session/linux/portal_input_injector.h"
+#include "capture/session/linux/portal_session.h"
 #include "common/lenient_value.h"
 #include "common/log.h"
 #include "common/main_thread.h"
 #include "common/notification_names.h"
 #include "push/bridge/camera_encoder.h"
 #include "push/push_api.h"
+
+#include <QPointer>
+
+#include <cmath>
 
 namespace velocast {
 
@@ -84,6 +94,7 @@ MacScreenCapture::~MacScreenCapture()
     notices_.clear();
     listenMsg(false);
     life_.reset();
+    if (isPutting_.load()) input::MouseEvent::castEnded();
     std::lock_guard lock(sessionMutex_);
     releaseCaptureSession();
     if (auto enc = encoder()) {
@@ -165,6 +176,45 @@ void MacScreenCapture::continueStart()
     isPutting_.store(true);
     captureSession_->startRunning();
     if (auto enc = encoder()) enc->startLiving(ipStr(), vPort_.load(), aPort_.load());
+    // The receiver's pointer lands on the pixels it sees, and only while this cast runs.
+    auto *portal = dynamic_cast<capture::PortalBackend *>(backend_.get());
+    capture::PortalSession *sharing = portal ? portal->portalSession() : nullptr;
+    {
+        std::lock_guard props(propertyMutex_);
+        if (display_)
+            input::InputEvent::setCaptureStream({display_->displayName, display_->displayID,
+                                                 QRect(display_->x, display_->y, display_->width, display_->height),
+                                                 sharing ? sharing->sessionHandle() : QString(), sharing ? sharing->stream().node : 0});
+    }
+    if (portal) chooseWaylandInput(sharing);
+    input::InputEvent::announceBackend();
+    input::MouseEvent::castStarted();
+}
+
+void MacScreenCapture::chooseWaylandInput(capture::PortalSession *sharing)
+{
+    // The remote-desktop portal where the desktop has one (the person allowed the pointer in
+    // the same dialog as the screen); wlroots compositors have only a screen cast and take
+    // the pointer through their virtual-pointer protocol. X11 keeps the XTest backend, made
+    // on first use.
+    QPointer<capture::PortalSession> session(sharing);
+    const bool remoteDesktop = sharing && sharing->isRemoteDesktop();
+    const bool pointer = sharing && sharing->hasPointer();
+    runOnMainThread([session, remoteDesktop, pointer] {
+        if (remoteDesktop) {
+            if (pointer && session)
+                input::InputEvent::setInjector(capture::makePortalInputInjector(session.data()));
+            else
+                input::InputEvent::setUnavailable(QStringLiteral("pointer input was not allowed when the screen was shared"));
+            return;
+        }
+        QString why;
+        if (auto injector = input::makeVirtualPointerInjector(&why))
+            input::InputEvent::setInjector(std::move(injector));
+        else
+            input::InputEvent::setUnavailable(
+                QStringLiteral("this desktop offers neither the remote-desktop portal nor a virtual pointer (%1)").arg(why));
+    });
 }
 
 void MacScreenCapture::endCastWithReason(const QString &why)
@@ -194,6 +244,8 @@ void MacScreenCapture::stopPutFouction()
     }
     if (!isPutting_.load()) return;
     isAudioUse_.store(false);
+    // No pointer event from the receiver acts after this; a button it holds is let go.
+    input::MouseEvent::castEnded();
     std::weak_ptr<MacScreenCapture *> weak = life_;
     runOnMainThread([weak] {
         const auto life = weak.lock();
@@ -291,10 +343,34 @@ void MacScreenCapture::sendDic(const QVariantMap &message)
 void MacScreenCapture::mouseEventWithType(int32_t type, int32_t x, int32_t y, int32_t width, int32_t height, int32_t wheel_x,
                                           int32_t wheel_y)
 {
-    // Injecting the event into this desktop comes with remote input; until then it is only
-    // recorded.
-    logLine(lcCapture(), QStringLiteral("mouseEventWithType: type %1 x %2 y %3 width %4 height %5 wheel_x %6 wheel_y %7 (not injected)")
-                             .arg(type).arg(x).arg(y).arg(width).arg(height).arg(wheel_x).arg(wheel_y));
+    if (type == 0) return;
+    // Mapped and acted on in the main thread, in arrival order, against the screen size
+    // and the cast state of that moment.
+    std::weak_ptr<MacScreenCapture *> weak = life_;
+    runOnMainThread([weak, type, x, y, width, height, wheel_x, wheel_y] {
+        const auto life = weak.lock();
+        if (!life) return;
+        if (!input::MouseEvent::isCastRunning()) {
+            logLine(lcCapture(), QStringLiteral("mouseEventWithType: type %1 at %2,%3 dropped: no cast is running").arg(type).arg(x).arg(y));
+            return;
+        }
+        const QSizeF screen = (*life)->screenSize();
+        QPointF point(x, y);
+        if (double(width) != screen.width() || double(height) != screen.height()) {
+            // Where the screen's picture sits in the receiver's area; positions in its black
+            // bars land outside the screen and are handed on as they are.
+            const QRectF r = resizeCalWithAimWidth(width, height, screen.width(), screen.height(), false);
+            point = QPointF((x - r.x()) / r.width() * screen.width(), (y - r.y()) / r.height() * screen.height());
+        }
+        if (!std::isfinite(point.x()) || !std::isfinite(point.y())) {
+            if (type != input::MouseEvent::kTypeScroll) {
+                logLine(lcCapture(), QStringLiteral("mouseEventWithType: type %1 in an empty %2x%3 area dropped").arg(type).arg(width).arg(height));
+                return;
+            }
+            point = QPointF(); // the wheel needs no position
+        }
+        input::MouseEvent::eventWithType(type, point, QPointF(wheel_x, wheel_y));
+    });
 }
 
 // --- Building the capture ----------------------------------------------------------------

@@ -36,6 +36,10 @@ namespace velocast::push {
 class CameraEncoder;
 }
 
+namespace velocast::capture {
+class PortalSession;
+}
+
 namespace velocast {
 
 class MacScreenCapture {
@@ -95,8 +99,8 @@ public:
     // Where captured samples come in (the capture threads).
     void captureOutput(const capture::MediaSample &sample, Output output);
 
-    // A pointer event from the receiver. Remote input is not connected yet: the event is
-    // logged and nothing else happens.
+    // A pointer event from the receiver (its position in a width x height area), acted on
+    // the desktop by remote input while a cast runs; logged and dropped otherwise.
     void mouseEventWithType(int32_t type, int32_t x, int32_t y, int32_t width, int32_t height, int32_t wheel_x, int32_t wheel_y);
 
     // Places a source of sourceWidth x sourceHeight, kept at its aspect ratio, centred in
@@ -144,6 +148,8 @@ private:
 
     void releaseCaptureSession();
     void continueStart();
+    // Remote input for a cast shared through the desktop portal (Wayland).
+    static void chooseWaylandInput(capture::PortalSession *sharing);
     void followPictureSize(int width, int height);
     std::shared_ptr<push::CameraEncoder> encoder() const;
 

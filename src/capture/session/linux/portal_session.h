@@ -59,6 +59,8 @@ public:
     // Whether the person allowed pointer input (remote-desktop sessions only).
     bool hasPointer() const { return (devices_ & kPointer) != 0; }
     const Stream &stream() const { return stream_; }
+    // The session's object path on the portal (empty before it is created).
+    QString sessionHandle() const { return sessionHandle_; }
     // The PipeWire remote's descriptor; the caller takes it over (-1 when none or taken).
     int takePipeWireFd();
     // The token for the next session, or empty when this desktop does not keep one.

@@ -1,0 +1,321 @@
+// Remote input on X11, each test on its own Xvfb: the receiver's action codes as the X
+// server delivers them (buttons, positions, the held-button rules, the wheel), positions on
+// a desktop whose captured output is not at (0,0), the casting session's mapping and cast
+// gate, what a Qt window receives (double click, wheel, Unicode text with modifiers), and
+// the reference receiver's pointer commands during a real cast.
+#include "capture/input/input_event.h"
+#include "capture/input/linux/xtest_input_injector.h"
+#include "capture/input/mouse_event.h"
+#include "capture/session/mac_screen_capture.h"
+#include "common/log.h"
+#include "control/net_control.h"
+#include "support/reference_receiver.h"
+#include "support/test_support.h"
+#include "x_session.h"
+
+#include <gtest/gtest.h>
+
+#include <X11/Xlib.h>
+
+#include <cstdlib>
+#include <mutex>
+
+using namespace velocast;
+using namespace velocast::input;
+using velocast::test::drainMainThread;
+using velocast::test::waitUntil;
+using namespace std::chrono_literals;
+
+namespace {
+
+// A private X server with the XTest backend on it, the captured area at origin.
+struct XRig {
+    explicit XRig(QSize screen = {1280, 800}, QRect area = {})
+    {
+        if (!x.start(screen)) return;
+        QString why;
+        auto injector = makeXTestInputInjector(x.display(), &why);
+        if (!injector) return;
+        InputEvent::setInjector(std::move(injector));
+        InputEvent::setCaptureStream({x.display(), 0, area.isNull() ? QRect(QPoint(0, 0), screen) : area, {}, 0});
+        // Nothing held from an earlier test in this process.
+        MouseEvent::castEnded();
+        drainMainThread();
+        log = std::make_unique<test::XButtonLog>(x.display());
+        log->take();
+    }
+    ~XRig()
+    {
+        InputEvent::setInjector(nullptr);
+        drainMainThread();
+    }
+    bool ok() const { return log && log->ok(); }
+    test::PrivateXServer x;
+    std::unique_ptr<test::XButtonLog> log;
+};
+
+#define REQUIRE_X(rig) \
+    if (!(rig).ok()) GTEST_SKIP() << "no private X server: " << (rig).x.error().toStdString()
+
+// Lines written through logLine while alive.
+struct LogLines {
+    LogLines()
+    {
+        previous = setLogTap([this](const char *, const QString &t) {
+            std::lock_guard lock(mutex);
+            lines << t;
+        });
+    }
+    ~LogLines() { setLogTap(previous); }
+    bool contains(const QString &part)
+    {
+        std::lock_guard lock(mutex);
+        return lines.join('\n').contains(part);
+    }
+    std::mutex mutex;
+    QStringList lines;
+    LogTap previous;
+};
+
+struct Action {
+    int type;
+    QPointF at;
+    QPointF wheel;
+};
+
+struct ActionCase {
+    const char *name;
+    std::vector<Action> actions;
+    const char *delivered; // raw button events, space-separated
+    int32_t heldAfter;
+    QPoint pointer;        // (-1,-1): not moved
+    const char *atCastEnd; // what ending the cast lets go
+};
+
+class ActionCodes : public ::testing::TestWithParam<ActionCase> { };
+
+TEST_P(ActionCodes, DeliverWhatTheHeldButtonAllows)
+{
+    XRig rig;
+    REQUIRE_X(rig);
+    const ActionCase &c = GetParam();
+    const QPoint start = rig.log->pointer();
+    for (const Action &a : c.actions) MouseEvent::eventWithType(a.type, a.at, a.wheel);
+    drainMainThread();
+    EXPECT_EQ(rig.log->take().join(' '), QString::fromLatin1(c.delivered));
+    EXPECT_EQ(MouseEvent::heldButton(), c.heldAfter);
+    EXPECT_EQ(rig.log->pointer(), c.pointer == QPoint(-1, -1) ? start : c.pointer);
+    MouseEvent::castEnded();
+    drainMainThread();
+    EXPECT_EQ(rig.log->take().join(' '), QString::fromLatin1(c.atCastEnd));
+    EXPECT_EQ(MouseEvent::heldButton(), MouseEvent::kNone);
+    EXPECT_EQ(rig.log->buttonMask(), 0u) << "a button stays down after the cast";
+}
+
+QString wheelClicks(int button, int n)
+{
+    QStringList out;
+    for (int i = 0; i < n; ++i) out << QStringLiteral("p%1 r%1").arg(button);
+    return out.join(' ');
+}
+const std::string kHostileWheel = wheelClicks(4, InputEvent::kMaxWheelClicks).toStdString();
+
+INSTANTIATE_TEST_SUITE_P(
+    MouseEvent, ActionCodes,
+    ::testing::Values(
+        ActionCase{"LeftClick", {{1, {10, 20}, {}}, {2, {10, 20}, {}}}, "p1 r1", -1, {10, 20}, ""},
+        ActionCase{"RightClick", {{3, {30, 40}, {}}, {4, {31, 41}, {}}}, "p3 r3", -1, {31, 41}, ""},
+        ActionCase{"RightDownWhileLeftHeldPostsNothing", {{1, {10, 10}, {}}, {3, {50, 50}, {}}, {4, {50, 50}, {}}}, "p1", 0, {10, 10}, "r1"},
+        ActionCase{"UnmatchedUpIsDropped", {{2, {5, 5}, {}}, {4, {5, 5}, {}}, {6, {5, 5}, {}}}, "", -1, {-1, -1}, ""},
+        // The centre "up" is a second centre down: the button stays down on the desktop while
+        // the held value is free; the end of the cast lets the button go.
+        ActionCase{"CenterUpPostsASecondCenterDown", {{5, {60, 70}, {}}, {6, {61, 71}, {}}}, "p2 p2", -1, {61, 71}, "r2"},
+        ActionCase{"DragMovesWithTheButtonHeld", {{1, {10, 10}, {}}, {8, {200, 100}, {}}, {8, {210, 110}, {}}}, "p1", 0, {210, 110}, "r1"},
+        ActionCase{"RightDrag", {{3, {10, 10}, {}}, {8, {20, 30}, {}}, {4, {20, 30}, {}}}, "p3 r3", -1, {20, 30}, ""},
+        ActionCase{"DragWithNothingHeldDoesNothing", {{8, {200, 100}, {}}}, "", -1, {-1, -1}, ""},
+        ActionCase{"DoubleLeftIsTwoPairs", {{7, {40, 50}, {}}}, "p1 r1 p1 r1", -1, {40, 50}, ""},
+        ActionCase{"DoubleLeftWhileRightHeld", {{3, {1, 1}, {}}, {7, {40, 50}, {}}}, "p3 p1 r1 p1 r1", 1, {40, 50}, "r3"},
+        ActionCase{"ZeroTenNegativeDoNothing", {{0, {1, 1}, {}}, {10, {1, 1}, {}}, {-1, {1, 1}, {}}, {25, {1, 1}, {}}}, "", -1, {-1, -1}, ""},
+        ActionCase{"WheelDownAndLeft", {{9, {999, 999}, {2, -3}}}, "p5 r5 p5 r5 p5 r5 p6 r6 p6 r6", -1, {-1, -1}, ""},
+        ActionCase{"WheelUpAndRight", {{9, {}, {-1, 1}}}, "p4 r4 p7 r7", -1, {-1, -1}, ""},
+        ActionCase{"HostileWheelIsCapped", {{9, {}, {0, 2000000000}}}, kHostileWheel.c_str(), -1, {-1, -1}, ""}),
+    [](const auto &info) { return std::string(info.param.name); });
+
+// Positions are captured-picture pixels: the capture's origin is added, positions off the
+// picture are handed on (the server clamps them) and never wrap around.
+TEST(XTestInjector, PlacesPicturePixelsOnTheCapturedOutput)
+{
+    XRig rig({1280, 800}, QRect(300, 200, 640, 400));
+    REQUIRE_X(rig);
+    const struct {
+        QRect area;
+        QPointF at;
+        QPoint root;
+    } cases[] = {
+        {{300, 200, 640, 400}, {10, 20}, {310, 220}},
+        {{300, 200, 640, 400}, {10.9, 20.2}, {310, 220}},
+        {{300, 200, 640, 400}, {-160, 0}, {140, 200}},
+        {{0, 0, 1280, 800}, {-160, 0}, {0, 0}},
+        {{0, 0, 1280, 800}, {5000, 5000}, {1279, 799}},
+        {{0, 0, 1280, 800}, {1e9, 1e9}, {1279, 799}},
+        {{0, 0, 1280, 800}, {-1e12, 7}, {0, 7}},
+    };
+    for (const auto &c : cases) {
+        InputEvent::setCaptureStream({rig.x.display(), 0, c.area, {}, 0});
+        MouseEvent::leftDown(c.at);
+        MouseEvent::leftUp(c.at);
+        drainMainThread();
+        EXPECT_EQ(rig.log->take().join(' '), "p1 r1");
+        EXPECT_EQ(rig.log->pointer(), c.root) << c.at.x() << "," << c.at.y();
+    }
+}
+
+// The casting session maps the receiver's area onto the screen and acts only during a cast.
+TEST(MacScreenCaptureInput, MapsTheReceiversAreaAndActsOnlyDuringACast)
+{
+    XRig rig({2880, 1800}, QRect(400, 100, 2880, 1800));
+    REQUIRE_X(rig);
+    MacScreenCapture capture([] { return std::unique_ptr<capture::CaptureBackend>(); });
+    capture.setScreenSize({2880, 1800});
+    MouseEvent::castStarted();
+    const struct {
+        int x, y, width, height;
+        QPoint root; // picture pixel + the origin (400, 100)
+    } cases[] = {
+        {64, 0, 1280, 720, {400, 100}},    // the picture's corner
+        {640, 360, 1280, 720, {1840, 1000}}, // the centre
+        {0, 0, 1280, 720, {240, 100}},     // in the black bar: off the picture, (-160, 0)
+        {123, 456, 2880, 1800, {523, 556}}, // the screen's own size: as it is
+    };
+    for (const auto &c : cases) {
+        capture.mouseEventWithType(1, c.x, c.y, c.width, c.height, 0, 0);
+        capture.mouseEventWithType(2, c.x, c.y, c.width, c.height, 0, 0);
+        drainMainThread();
+        EXPECT_EQ(rig.log->take().join(' '), "p1 r1");
+        EXPECT_EQ(rig.log->pointer(), c.root) << c.x << "," << c.y << " in " << c.width << "x" << c.height;
+    }
+    // A degenerate area has no position, but the wheel needs none.
+    capture.mouseEventWithType(1, 5, 5, 0, 0, 0, 0);
+    capture.mouseEventWithType(9, 5, 5, 0, 0, 0, 1);
+    drainMainThread();
+    EXPECT_EQ(rig.log->take().join(' '), "p4 r4");
+
+    LogLines log;
+    MouseEvent::castEnded();
+    capture.mouseEventWithType(1, 64, 0, 1280, 720, 0, 0);
+    capture.mouseEventWithType(9, 0, 0, 1280, 720, 0, 1);
+    drainMainThread();
+    EXPECT_EQ(rig.log->take().join(' '), "") << "injected outside a cast";
+    EXPECT_TRUE(log.contains("dropped: no cast is running"));
+}
+
+// What a toolkit makes of it: a Qt window on the same display.
+TEST(XTestInjector, AQtWindowSeesDoubleClicksWheelLinesAndUnicodeText)
+{
+    XRig rig;
+    REQUIRE_X(rig);
+    test::ProbeWindow probe(rig.x.display());
+    ASSERT_TRUE(probe.start()) << probe.lines().join('\n').toStdString();
+
+    MouseEvent::doubleLeft({600, 500});
+    EXPECT_TRUE(probe.waitForLine("dblclick 1 600 500")) << probe.lines().join('\n').toStdString();
+    const struct {
+        QPointF wheel;
+        const char *line;
+    } wheels[] = {{{0, 1}, "wheel 0 120"}, {{0, -1}, "wheel 0 -120"}, {{1, 0}, "wheel 120 0"}, {{-1, 0}, "wheel -120 0"}};
+    for (const auto &w : wheels) {
+        MouseEvent::scrollUp(w.wheel);
+        EXPECT_TRUE(probe.waitForLine(w.line)) << w.line << "\n" << probe.lines().join('\n').toStdString();
+    }
+
+    // Focus follows the pointer on a bare X server: put it over the line edit.
+    MouseEvent::leftDown({50, 10});
+    MouseEvent::leftUp({50, 10});
+    const QString text = QStringLiteral("客厅 Ab#é😀!");
+    InputEvent::inputString(text);
+    EXPECT_TRUE(probe.waitForLine("text " + text)) << probe.lines().join('\n').toStdString();
+    // A lone surrogate is no character: skipped, the rest arrives.
+    InputEvent::inputString(QString(QChar(0xd83d)) + "z");
+    EXPECT_TRUE(probe.waitForLine("text " + text + "z")) << probe.lines().join('\n').toStdString();
+    // More distinct characters than the backend has keycodes to lend at once.
+    QString many;
+    for (char16_t c = 0x4e00; c < 0x4e00 + 40; ++c) many += QChar(c);
+    InputEvent::inputString(many);
+    EXPECT_TRUE(probe.waitForLine("text " + text + "z" + many)) << probe.lines().join('\n').toStdString();
+    InputEvent::writeString("B", modifier::kShift);
+    EXPECT_TRUE(probe.waitForLine("key shift B")) << probe.lines().join('\n').toStdString();
+    InputEvent::writeString("q", modifier::kControl | modifier::kAlternate);
+    EXPECT_TRUE(probe.waitForLine("key ctrl+alt Q")) << probe.lines().join('\n').toStdString();
+}
+
+// End to end: the reference receiver's pointer commands during a real cast of the private
+// display land where the receiver's picture says.
+TEST(MacScreenCaptureInput, ReceiverPointerCommandsActDuringARealCast)
+{
+    if (!test::ReferenceReceiver::available()) GTEST_SKIP() << "built without the reference receiver";
+    XRig rig;
+    REQUIRE_X(rig);
+    const QByteArray saved = qgetenv("DISPLAY");
+    qputenv("DISPLAY", rig.x.display().toLocal8Bit());
+    struct Restore {
+        QByteArray value;
+        ~Restore()
+        {
+            if (value.isNull())
+                qunsetenv("DISPLAY");
+            else
+                qputenv("DISPLAY", value);
+        }
+    } restore{saved};
+
+    // The receiver's picture is 1280 x 720: the 1280 x 800 screen sits in it at (64, 0),
+    // 1152 x 720, so receiver (640, 360) is screen (640, 400).
+    test::ReferenceReceiver receiver({"--headless", "--area", "1280x720"});
+    ASSERT_TRUE(receiver.start()) << receiver.error().toStdString();
+    NetControl control;
+    control.setControlPort(receiver.controlPort());
+    bool connected = false, done = false;
+    control.connect("127.0.0.1", [&](bool ok) { connected = ok, done = true; });
+    ASSERT_TRUE(waitUntil([&] { return done; }, 10s) && connected);
+
+    MacScreenCapture capture;
+    capture.setIpStr("127.0.0.1");
+    capture.setVPort(receiver.mediaPort());
+    capture.setAPort(receiver.mediaPort());
+    capture.startPut();
+    ASSERT_TRUE(waitUntil([&] { return capture.isPutting(); }, 20s));
+
+    QStringList seen;
+    const auto delivered = [&](const QString &events) {
+        return waitUntil([&] {
+            seen += rig.log->take();
+            return seen.join(' ').endsWith(events);
+        }, 10s);
+    };
+    const struct {
+        const char *command;
+        const char *events;
+        QPoint pointer;
+    } steps[] = {
+        {"click 640 360", "p1 r1", {640, 400}},
+        {"dblclick 64 0", "p1 r1 p1 r1", {0, 0}},
+        {"rclick 1216 720", "p3 r3", {1279, 799}},
+        {"wheel -2 1", "p4 r4 p7 r7 p7 r7", {1279, 799}},
+        {"mouse 1 100 90", "p1", {40, 100}},
+    };
+    for (const auto &s : steps) {
+        receiver.command(s.command);
+        EXPECT_TRUE(delivered(s.events)) << s.command << ": " << seen.join(' ').toStdString();
+        EXPECT_EQ(rig.log->pointer(), s.pointer) << s.command;
+    }
+    receiver.command("mouse 8 190 180");
+    EXPECT_TRUE(waitUntil([&] { return rig.log->pointer() == QPoint(140, 200); }, 10s)) << "the drag did not move the pointer";
+    EXPECT_NE(rig.log->buttonMask(), 0u) << "the left button is held during the drag";
+    // The receiver ends the cast while it holds the left button: the button is let go.
+    receiver.command("stop");
+    EXPECT_TRUE(delivered("r1")) << seen.join(' ').toStdString();
+    EXPECT_TRUE(waitUntil([&] { return !capture.isPutting(); }, 10s));
+    EXPECT_EQ(MouseEvent::heldButton(), MouseEvent::kNone);
+}
+
+} // namespace
