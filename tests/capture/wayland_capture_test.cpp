@@ -3,8 +3,12 @@
 // (scripts/wayland-services.sh: headless mutter with a 1280x800 virtual monitor, PipeWire,
 // the real portal frontend, and a test portal backend that answers without a dialog by
 // forwarding to mutter) and the reference receiver on loopback. They skip, saying why, where
-// that desktop cannot start.
+// that desktop cannot start. The receiver's pointer is checked in a Qt window on that
+// desktop (through the remote-desktop portal) and on a headless wlroots compositor (through
+// its virtual-pointer protocol).
+#include "capture/input/linux/virtual_pointer_injector.h"
 #include "capture/session/capture_source.h"
+#include "capture/session/linux/portal_input_injector.h"
 #include "capture/session/mac_screen_capture.h"
 
 #include "common/notification_center.h"
@@ -23,10 +27,12 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QRegularExpression>
+#include <QStandardPaths>
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <functional>
 
 using namespace velocast;
 using velocast::test::ReferenceReceiver;
@@ -53,6 +59,65 @@ TEST(SessionKind, ChosenFromTheSessionTypeThenTheWaylandDisplay)
     };
     for (const Case &c : cases)
         EXPECT_EQ(capture::sessionKind(c.type, c.wayland), c.kind) << "'" << c.type << "' '" << c.wayland << "'";
+}
+
+// The input probe (a Qt window over the whole output, one line per event it receives) as
+// a client of the Wayland compositor named by the environment.
+class WaylandProbe {
+public:
+    WaylandProbe()
+    {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("QT_QPA_PLATFORM", "wayland");
+        env.remove("DISPLAY");
+        process_.setProcessEnvironment(env);
+        process_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        QObject::connect(&process_, &QProcess::readyReadStandardOutput, [this] {
+            pending_ += process_.readAllStandardOutput();
+            for (qsizetype nl; (nl = pending_.indexOf('\n')) >= 0; pending_.remove(0, nl + 1)) lines_ << QString::fromUtf8(pending_.left(nl));
+        });
+    }
+    ~WaylandProbe()
+    {
+        process_.kill();
+        process_.waitForFinished(5000);
+    }
+    bool start()
+    {
+        process_.start(VELOCAST_INPUT_PROBE, {});
+        return has("ready");
+    }
+    bool has(const QString &line) { return waitUntil([&] { return lines_.contains(line); }, 10s); }
+    // Pointer events reach a client only once its pointer has entered the window: repeats
+    // a click in a corner until the window reports one.
+    bool warmUp(const std::function<void(int)> &click)
+    {
+        for (int i = 0; i < 10; ++i) {
+            click(i);
+            if (waitUntil([&] { return lines_.join('\n').contains("release 1"); }, 1s)) return true;
+        }
+        return false;
+    }
+    QString log() const { return lines_.join('\n'); }
+
+private:
+    QProcess process_;
+    QByteArray pending_;
+    QStringList lines_;
+};
+
+TEST(PortalKeysyms, TypedCharactersBecomeKeysyms)
+{
+    const struct {
+        char32_t cp;
+        uint32_t keysym;
+    } cases[] = {
+        {U'a', 0x61}, {U'~', 0x7e}, {U'\u00e9', 0xe9},     // Latin-1: the code point
+        {U'\u20ac', 0x10020ac}, {U'\U0001F600', 0x101f600}, // the rest of Unicode
+        {U'\n', 0xff0d}, {U'\t', 0xff09}, {U'\b', 0xff08},  // keys with names
+        {U'\x01', 0}, {U'\x7f', 0}, {U'\x9b', 0}, {char32_t(0xd800), 0}, {char32_t(0x110000), 0}, // no key
+    };
+    for (const auto &c : cases) EXPECT_EQ(capture::keysymForCodePoint(c.cp), c.keysym) << std::hex << uint32_t(c.cp);
 }
 
 // The private desktop, one per test program.
@@ -113,8 +178,8 @@ protected:
 
 // A cast to a reference receiver on loopback, with the portal backend.
 struct Cast {
-    explicit Cast(bool pointerInput = true)
-        : receiver({"--output-dir", out = velocast::test::freshTempDir(), "--log-frames"}),
+    explicit Cast(bool pointerInput = true, QStringList receiverArgs = {})
+        : receiver(QStringList{"--output-dir", out = velocast::test::freshTempDir(), "--log-frames"} + receiverArgs),
           capture([pointerInput] { return capture::makePortalCaptureBackend(pointerInput); })
     {
         if (!receiver.start()) return;
@@ -238,6 +303,161 @@ TEST_F(WaylandDesktop, RefusedOrStoppedSharingEndsTheCastCleanly)
         ASSERT_TRUE(waitUntil([&] { return cast.capture.isPutting(); }, 20s)) << c.name;
         cast.capture.stopPut();
         ASSERT_TRUE(waitUntil([&] { return !cast.capture.isPutting(); }));
+    }
+}
+
+// The receiver's clicks, drag, double click and wheel during a real cast arrive at the
+// pixels it pointed at, through the remote-desktop session the cast was shared with.
+TEST_F(WaylandDesktop, ReceiverPointerReachesAWindowThroughThePortal)
+{
+    QString why;
+    EXPECT_EQ(input::makeVirtualPointerInjector(&why), nullptr) << "this compositor has no virtual pointer";
+    EXPECT_TRUE(why.contains("zwlr_virtual_pointer_manager_v1")) << why.toStdString();
+
+    WaylandProbe probe;
+    ASSERT_TRUE(probe.start()) << probe.log().toStdString();
+    Preferences::remove(kToken);
+    Cast cast(true, {"--area", "1280x800"});
+    ASSERT_TRUE(cast.connected) << cast.receiver.error().toStdString();
+    cast.capture.startPut();
+    ASSERT_TRUE(waitUntil([&] { return cast.capture.isPutting(); }, 20s));
+    ASSERT_TRUE(probe.warmUp([&](int i) { cast.receiver.command(QStringLiteral("click %1 790").arg(1270 - i)); })) << probe.log().toStdString();
+
+    const struct {
+        QStringList commands;
+        QStringList lines;
+    } steps[] = {
+        {{"click 640 400"}, {"press 1 640 400", "release 1 640 400"}},
+        {{"rclick 1279 0"}, {"press 2 1279 0", "release 2 1279 0"}},
+        {{"mouse 1 200 300", "mouse 8 420 330", "mouse 2 420 330"}, {"press 1 200 300", "release 1 420 330"}},
+        {{"dblclick 100 50"}, {"dblclick 1 100 50"}},
+        {{"wheel 0 1"}, {"wheel 0 120"}},
+        {{"wheel 0 -1"}, {"wheel 0 -120"}},
+        {{"wheel 1 0"}, {"wheel 120 0"}},
+    };
+    for (const auto &step : steps) {
+        for (const QString &c : step.commands) cast.receiver.command(c);
+        for (const QString &line : step.lines) EXPECT_TRUE(probe.has(line)) << line.toStdString() << "\n" << probe.log().toStdString();
+    }
+    EXPECT_FALSE(portalCalls("RemoteDesktop.NotifyPointerButton").isEmpty());
+    cast.capture.stopPut();
+    ASSERT_TRUE(waitUntil([&] { return !cast.capture.isPutting(); }));
+}
+
+// A headless wlroots compositor (sway) with one 1280x800 output, in a runtime directory of
+// its own; skips where it cannot start.
+class WlrootsDesktop : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        const QString sway = QStandardPaths::findExecutable("sway");
+        if (sway.isEmpty()) {
+            skipWhy_ = "sway is not installed";
+            return;
+        }
+        dir_ = velocast::test::freshTempDir();
+        QDir(dir_).mkdir("run");
+        QFile::setPermissions(dir_ + "/run", QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+        QFile config(dir_ + "/config");
+        config.open(QIODevice::WriteOnly);
+        config.write("xwayland disable\noutput HEADLESS-1 mode 1280x800\n");
+        config.close();
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("XDG_RUNTIME_DIR", dir_ + "/run");
+        env.insert("WLR_BACKENDS", "headless");
+        env.insert("WLR_RENDERER", "pixman");
+        env.insert("WLR_LIBINPUT_NO_DEVICES", "1");
+        env.insert("LD_PRELOAD", VELOCAST_NOSETUID_SHIM);
+        env.remove("WAYLAND_DISPLAY");
+        env.remove("DISPLAY");
+        sway_ = new QProcess;
+        sway_->setProcessEnvironment(env);
+        sway_->setStandardOutputFile(dir_ + "/sway.log");
+        sway_->setStandardErrorFile(dir_ + "/sway.log");
+        sway_->start(sway, {"-c", dir_ + "/config"});
+        QString socket;
+        waitUntil([&] {
+            const QStringList found = QDir(dir_ + "/run").entryList({"wayland-*"}, QDir::System).filter(QRegularExpression("^wayland-\\d+$"));
+            socket = found.value(0);
+            return !socket.isEmpty() || sway_->state() == QProcess::NotRunning;
+        }, 15s);
+        if (socket.isEmpty()) {
+            QFile log(dir_ + "/sway.log");
+            log.open(QIODevice::ReadOnly);
+            skipWhy_ = "sway did not start: " + QString::fromUtf8(log.readAll().right(300));
+            return;
+        }
+        socket_ = socket;
+    }
+    static void TearDownTestSuite()
+    {
+        if (!sway_) return;
+        sway_->terminate();
+        if (!sway_->waitForFinished(5000)) sway_->kill();
+        sway_->waitForFinished(5000);
+        delete sway_;
+        sway_ = nullptr;
+    }
+    void SetUp() override
+    {
+        if (socket_.isEmpty()) GTEST_SKIP() << skipWhy_.toStdString();
+        // This compositor for the injector and the probe window, for this test only.
+        saved_ = {qgetenv("XDG_RUNTIME_DIR"), qgetenv("WAYLAND_DISPLAY")};
+        qputenv("XDG_RUNTIME_DIR", (dir_ + "/run").toLocal8Bit());
+        qputenv("WAYLAND_DISPLAY", socket_.toLocal8Bit());
+    }
+    void TearDown() override
+    {
+        if (socket_.isEmpty()) return;
+        for (const auto &[name, value] : {std::pair{"XDG_RUNTIME_DIR", saved_.first}, std::pair{"WAYLAND_DISPLAY", saved_.second}}) {
+            if (value.isNull())
+                qunsetenv(name);
+            else
+                qputenv(name, value);
+        }
+    }
+    static inline QProcess *sway_ = nullptr;
+    static inline QString dir_, socket_, skipWhy_;
+    std::pair<QByteArray, QByteArray> saved_;
+};
+
+TEST_F(WlrootsDesktop, VirtualPointerMovesClicksAndScrollsOverTheOutput)
+{
+    WaylandProbe probe;
+    ASSERT_TRUE(probe.start()) << probe.log().toStdString();
+    QString why;
+    std::unique_ptr<input::InputInjector> pointer = input::makeVirtualPointerInjector(&why);
+    ASSERT_TRUE(pointer) << why.toStdString();
+    EXPECT_EQ(pointer->name(), "wlroots");
+    // The cast of the whole output, as the casting session hands it over.
+    pointer->setCaptureStream({{}, 0, QRect(0, 0, 1280, 800), {}, 0});
+    using input::MouseButton;
+    ASSERT_TRUE(probe.warmUp([&](int i) {
+        pointer->moveTo(QPointF(1270 - i, 790));
+        pointer->click(MouseButton::Left, 1);
+    })) << probe.log().toStdString();
+
+    const struct {
+        std::function<void(input::InputInjector &)> act;
+        QStringList lines;
+    } steps[] = {
+        {[](auto &p) { p.moveTo({640, 400}); p.click(MouseButton::Left, 1); }, {"press 1 640 400", "release 1 640 400"}},
+        {[](auto &p) { p.moveTo({1279.4, 799}); p.setButton(MouseButton::Right, true); p.setButton(MouseButton::Right, false); },
+         {"press 2 1279 799", "release 2 1279 799"}},
+        // Beyond the picture: on its edge.
+        {[](auto &p) { p.moveTo({2000, -30}); p.click(MouseButton::Center, 1); }, {"press 4 1279 0", "release 4 1279 0"}},
+        {[](auto &p) { p.moveTo({200, 300}); p.setButton(MouseButton::Left, true); p.moveTo({420, 330}); p.setButton(MouseButton::Left, false); },
+         {"press 1 200 300", "release 1 420 330"}},
+        {[](auto &p) { p.moveTo({100, 50}); p.click(MouseButton::Left, 2); }, {"dblclick 1 100 50"}},
+        {[](auto &p) { p.scroll(1, 0); }, {"wheel 0 120"}},
+        {[](auto &p) { p.scroll(-1, 0); }, {"wheel 0 -120"}},
+        {[](auto &p) { p.scroll(0, 1); }, {"wheel 120 0"}},
+        // A cast that ends in the middle of a drag lets the button go.
+        {[](auto &p) { p.moveTo({50, 60}); p.setButton(MouseButton::Right, true); p.releaseButtons(); }, {"press 2 50 60", "release 2 50 60"}},
+    };
+    for (const auto &step : steps) {
+        step.act(*pointer);
+        for (const QString &line : step.lines) EXPECT_TRUE(probe.has(line)) << line.toStdString() << "\n" << probe.log().toStdString();
     }
 }
 
