@@ -186,9 +186,20 @@ void InputEvent::announceBackend()
     });
 }
 
-void InputEvent::setUnavailable(const QString &why)
+void InputEvent::useInjector(InjectorFactory factory)
 {
-    runOnMainThread([why] { markUnavailable(why); });
+    runOnMainThread([factory = std::move(factory)] {
+        QString why;
+        std::unique_ptr<InputInjector> made = factory(&why);
+        if (!made) {
+            markUnavailable(why);
+            return;
+        }
+        Backend &b = backend();
+        b.injector = std::move(made);
+        b.tried = false;
+        if (b.stream) b.injector->setCaptureStream(*b.stream);
+    });
 }
 
 } // namespace velocast::input

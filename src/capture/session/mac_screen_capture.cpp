@@ -200,20 +200,16 @@ void MacScreenCapture::chooseWaylandInput(capture::PortalSession *sharing)
     QPointer<capture::PortalSession> session(sharing);
     const bool remoteDesktop = sharing && sharing->isRemoteDesktop();
     const bool pointer = sharing && sharing->hasPointer();
-    runOnMainThread([session, remoteDesktop, pointer] {
+    input::InputEvent::useInjector([session, remoteDesktop, pointer](QString *why) -> std::unique_ptr<input::InputInjector> {
         if (remoteDesktop) {
-            if (pointer && session)
-                input::InputEvent::setInjector(capture::makePortalInputInjector(session.data()));
-            else
-                input::InputEvent::setUnavailable(QStringLiteral("pointer input was not allowed when the screen was shared"));
-            return;
+            if (pointer && session) return capture::makePortalInputInjector(session.data());
+            *why = QStringLiteral("pointer input was not allowed when the screen was shared");
+            return nullptr;
         }
-        QString why;
-        if (auto injector = input::makeVirtualPointerInjector(&why))
-            input::InputEvent::setInjector(std::move(injector));
-        else
-            input::InputEvent::setUnavailable(
-                QStringLiteral("this desktop offers neither the remote-desktop portal nor a virtual pointer (%1)").arg(why));
+        QString vpWhy;
+        if (auto injector = input::makeVirtualPointerInjector(&vpWhy)) return injector;
+        *why = QStringLiteral("this desktop offers neither the remote-desktop portal nor a virtual pointer (%1)").arg(vpWhy);
+        return nullptr;
     });
 }
 
