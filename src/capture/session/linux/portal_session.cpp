@@ -273,6 +273,9 @@ void PortalSession::close()
     if (!requestPath_.isEmpty())
         bus_.disconnect(kService, requestPath_, kRequest, QStringLiteral("Response"), this, SLOT(onResponse(uint, QVariantMap)));
     if (!sessionHandle_.isEmpty()) {
+        // Events still waiting (the release of a held button) go before the session ends.
+        for (const QDBusMessage &call : pendingNotifies_) bus_.asyncCall(call);
+        pendingNotifies_.clear();
         bus_.disconnect(kService, sessionHandle_, kSession, QStringLiteral("Closed"), this, SLOT(onSessionClosed()));
         bus_.asyncCall(QDBusMessage::createMethodCall(kService, sessionHandle_, kSession, QStringLiteral("Close")));
     }
@@ -297,8 +300,39 @@ void PortalSession::notify(const QString &method, const QVariantList &args)
     QVariantList all{QVariant::fromValue(QDBusObjectPath(sessionHandle_)), QVariantMap()};
     all += args;
     call.setArguments(all);
-    // Sent in order on the one connection; the answers are not waited for.
-    bus_.asyncCall(call);
+    // The portal frontend may handle calls that arrive together on different threads, which
+    // swaps a press with the motion before it or the keys of a word: each call goes out when
+    // the one before it has been answered. A backlog that a flood of events would grow
+    // without end is cut.
+    if (pendingNotifies_.size() >= kMaxPendingNotifies) {
+        if (!toldBacklog_)
+            logLine(lcCapture(), QStringLiteral("portal: %1 input events wait for the desktop; %2 dropped").arg(pendingNotifies_.size()).arg(method));
+        toldBacklog_ = true;
+        return;
+    }
+    pendingNotifies_.push_back(call);
+    if (!notifyInFlight_) sendNextNotify();
+}
+
+void PortalSession::sendNextNotify()
+{
+    if (pendingNotifies_.empty()) {
+        notifyInFlight_ = false;
+        toldBacklog_ = false;
+        return;
+    }
+    notifyInFlight_ = true;
+    const QDBusMessage call = pendingNotifies_.front();
+    pendingNotifies_.pop_front();
+    auto *watcher = new QDBusPendingCallWatcher(bus_.asyncCall(call), this);
+    connect(watcher, &QDBusPendingCallWatcher::finished, this, [this, watcher] {
+        watcher->deleteLater();
+        if (watcher->isError() && !toldNotifyError_) {
+            logLine(lcCapture(), QStringLiteral("portal: the desktop refused an input event: %1").arg(watcher->error().message()));
+            toldNotifyError_ = true;
+        }
+        if (step_ == Step::Running) sendNextNotify();
+    });
 }
 
 void PortalSession::pointerMotionAbsolute(double x, double y)

@@ -12,12 +12,14 @@
 #pragma once
 
 #include <QDBusConnection>
+#include <QDBusMessage>
 #include <QDBusObjectPath>
 #include <QObject>
 #include <QString>
 #include <QVariantMap>
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 
 namespace velocast::capture {
@@ -88,6 +90,7 @@ private:
     void openRemote();
     void notify(const QString &method, const QVariantList &args);
     void createSession();
+    void sendNextNotify();
 
     QDBusConnection bus_;
     const QString offeredToken_;
@@ -104,6 +107,12 @@ private:
     Stream stream_;
     int fd_ = -1;
     QString newToken_;
+    // Input calls in order, one on the bus at a time.
+    static constexpr size_t kMaxPendingNotifies = 4096;
+    std::deque<QDBusMessage> pendingNotifies_;
+    bool notifyInFlight_ = false;
+    bool toldBacklog_ = false;
+    bool toldNotifyError_ = false;
 };
 
 } // namespace velocast::capture
