@@ -239,11 +239,11 @@ TEST(MacScreenCapture, TwoStartsWithoutAStopHandleEachMessageTwice)
     EXPECT_EQ(capture.listeningCount(), 2);
     LogRecorder log;
     link.receiver.command("mouse 1 10 20 1920 1080 0 0");
-    const QString line = "mouseEventWithType: type 1 x 10 y 20 width 1920 height 1080 wheel_x 0 wheel_y 0 (not injected)";
+    const QString line = "mouseEventWithType: type 1 x 10 y 20 width 1920 height 1080 wheel_x 0 wheel_y 0 dropped: no cast is running";
     ASSERT_TRUE(waitUntil([&] { return log.lines().count(line) == 2; })) << log.lines().join('\n').toStdString();
     // Lenient values: strings, booleans and missing keys.
     link.receiver.command(R"(send id_pc_mk_event {"type":"9","x":true,"wheel_y":"-3"})");
-    const QString lenient = "mouseEventWithType: type 9 x 1 y 0 width 0 height 0 wheel_x 0 wheel_y -3 (not injected)";
+    const QString lenient = "mouseEventWithType: type 9 x 1 y 0 width 0 height 0 wheel_x 0 wheel_y -3 dropped: no cast is running";
     ASSERT_TRUE(waitUntil([&] { return log.lines().count(lenient) == 2; })) << log.lines().join('\n').toStdString();
     capture.listenMsg(false);
     EXPECT_EQ(capture.listeningCount(), 0);

@@ -347,7 +347,8 @@ void MacScreenCapture::mouseEventWithType(int32_t type, int32_t x, int32_t y, in
         const auto life = weak.lock();
         if (!life) return;
         if (!input::MouseEvent::isCastRunning()) {
-            logLine(lcCapture(), QStringLiteral("mouseEventWithType: type %1 at %2,%3 dropped: no cast is running").arg(type).arg(x).arg(y));
+            logLine(lcCapture(), QStringLiteral("mouseEventWithType: type %1 x %2 y %3 width %4 height %5 wheel_x %6 wheel_y %7 dropped: no cast is running")
+                                     .arg(type).arg(x).arg(y).arg(width).arg(height).arg(wheel_x).arg(wheel_y));
             return;
         }
         const QSizeF screen = (*life)->screenSize();

@@ -67,6 +67,11 @@ struct LogLines {
         });
     }
     ~LogLines() { setLogTap(previous); }
+    QStringList all()
+    {
+        std::lock_guard lock(mutex);
+        return lines;
+    }
     bool contains(const QString &part)
     {
         std::lock_guard lock(mutex);
@@ -91,6 +96,8 @@ struct ActionCase {
     QPoint pointer;        // (-1,-1): not moved
     const char *atCastEnd; // what ending the cast lets go
 };
+
+void PrintTo(const ActionCase &c, std::ostream *os) { *os << c.name; }
 
 class ActionCodes : public ::testing::TestWithParam<ActionCase> { };
 
@@ -207,6 +214,22 @@ TEST(MacScreenCaptureInput, MapsTheReceiversAreaAndActsOnlyDuringACast)
     drainMainThread();
     EXPECT_EQ(rig.log->take().join(' '), "") << "injected outside a cast";
     EXPECT_TRUE(log.contains("dropped: no cast is running"));
+}
+
+// Without any display the events are dropped, and the reason is logged once.
+TEST(XTestInjector, WithoutADisplayEventsAreDroppedWithOneLogLine)
+{
+    const QByteArray saved = qgetenv("DISPLAY");
+    qunsetenv("DISPLAY");
+    LogLines log;
+    InputEvent::setInjector(nullptr);
+    InputEvent::setCaptureStream({});
+    MouseEvent::leftDown({1, 1});
+    MouseEvent::leftUp({1, 1});
+    InputEvent::inputString("x");
+    drainMainThread();
+    if (!saved.isNull()) qputenv("DISPLAY", saved);
+    EXPECT_EQ(log.all().filter("remote input is not available: no display").size(), 1) << log.all().join('\n').toStdString();
 }
 
 // What a toolkit makes of it: a Qt window on the same display.

@@ -320,7 +320,10 @@ std::unique_ptr<InputInjector> makeInputInjector(QString *why)
         }
         return makeVirtualPointerInjector(why);
     }
-    return makeXTestInputInjector(QString(), why);
+    auto injector = makeXTestInputInjector(QString(), why);
+    if (injector && std::getenv("WAYLAND_DISPLAY"))
+        logLine(lcCapture(), QStringLiteral("remote input: Wayland session, injecting through XWayland; only X11 windows will see it"));
+    return injector;
 }
 
 } // namespace velocast::input
