@@ -181,10 +181,11 @@ void MacScreenCapture::continueStart()
     capture::PortalSession *sharing = portal ? portal->portalSession() : nullptr;
     {
         std::lock_guard props(propertyMutex_);
-        if (display_)
-            input::InputEvent::setCaptureStream({display_->displayName, display_->displayID,
-                                                 QRect(display_->x, display_->y, display_->width, display_->height),
-                                                 sharing ? sharing->sessionHandle() : QString(), sharing ? sharing->stream().node : 0});
+        if (display_) {
+            inputStream_ = {display_->displayName, display_->displayID, QRect(display_->x, display_->y, display_->width, display_->height),
+                            sharing ? sharing->sessionHandle() : QString(), sharing ? sharing->stream().node : 0};
+            input::InputEvent::setCaptureStream(inputStream_);
+        }
     }
     if (portal) chooseWaylandInput(sharing);
     input::InputEvent::announceBackend();
@@ -486,6 +487,14 @@ void MacScreenCapture::followPictureSize(int width, int height)
     if (pictureSize_.exchange(packed) == packed) return;
     logLine(lcCapture(), QStringLiteral("the shared screen is now %1x%2").arg(width).arg(height));
     setScreenSize(QSizeF(width, height));
+    {
+        // Remote input places positions on the picture as it is now.
+        std::lock_guard props(propertyMutex_);
+        if (inputStream_.area.size() != QSize(width, height)) {
+            inputStream_.area.setSize(QSize(width, height));
+            input::InputEvent::setCaptureStream(inputStream_);
+        }
+    }
     changeSizeForCount(splitCount_.load());
 }
 

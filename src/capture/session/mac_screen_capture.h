@@ -15,6 +15,7 @@
 // capture down on the main thread.
 #pragma once
 
+#include "capture/input/input_injector.h"
 #include "capture/session/capture_source.h"
 #include "common/notification_center.h"
 
@@ -160,6 +161,7 @@ private:
     QString ipStr_;
     QSizeF screenSize_{0, 0};
     std::optional<capture::MainDisplay> display_; // of the capture being built
+    input::CaptureStream inputStream_;             // what remote input was told of the cast
 
     std::atomic<int32_t> vPort_{kDefaultPort};
     std::atomic<int32_t> aPort_{kDefaultPort};

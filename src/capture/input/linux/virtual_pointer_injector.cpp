@@ -100,9 +100,11 @@ public:
         for (const Output &o : outputs_)
             if (o.position == area_.topLeft()) target = &o;
         if (managerVersion_ >= 2 && target) {
-            releaseButtons();
-            makePointer(target->output);
-            mappedToOutput_ = true;
+            if (target->output != mappedOutput_) {
+                releaseButtons();
+                makePointer(target->output);
+                mappedOutput_ = target->output;
+            }
             if (area_.isEmpty()) area_ = QRect(target->position, logicalSize(*target));
         }
         flush();
@@ -113,8 +115,8 @@ public:
         if (dead_) return;
         // Positions are over the captured picture; without an output to map to, over the
         // whole output layout (the picture's offset added).
-        QRect frame = mappedToOutput_ ? QRect(QPoint(0, 0), area_.size()) : layout();
-        QPointF p = mappedToOutput_ ? position : position + QPointF(area_.topLeft() - frame.topLeft());
+        QRect frame = mappedOutput_ ? QRect(QPoint(0, 0), area_.size()) : layout();
+        QPointF p = mappedOutput_ ? position : position + QPointF(area_.topLeft() - frame.topLeft());
         if (frame.isEmpty()) return;
         if (!std::isfinite(p.x()) || !std::isfinite(p.y())) return;
         // The protocol has no place outside its extent: the edge stands for beyond it.
@@ -246,6 +248,11 @@ private:
         auto *self = static_cast<VirtualPointerInjector *>(data);
         auto it = std::find_if(self->outputs_.begin(), self->outputs_.end(), [name](const Output &o) { return o.name == name; });
         if (it == self->outputs_.end()) return;
+        if (self->mappedOutput_ == it->output) {
+            // Mapped to an output that went away: over the whole layout from now on.
+            self->makePointer(nullptr);
+            self->mappedOutput_ = nullptr;
+        }
         wl_output_destroy(it->output);
         self->outputs_.erase(it);
     }
@@ -282,7 +289,7 @@ private:
     std::vector<Output> outputs_;
     std::unique_ptr<QSocketNotifier> notifier_;
     QRect area_;
-    bool mappedToOutput_ = false;
+    wl_output *mappedOutput_ = nullptr; // the output absolute motion is mapped to, if any
     std::set<uint32_t> held_;
     bool dead_ = false;
     bool toldNoKeyboard_ = false;

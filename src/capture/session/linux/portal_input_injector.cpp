@@ -46,9 +46,11 @@ public:
         if (!session_ || !std::isfinite(position.x()) || !std::isfinite(position.y())) return;
         // The stream's pixels are the captured picture's; the desktop keeps the pointer on
         // the stream, so a position beyond it is put on its edge here.
+        // The picture's size follows the stream's when it changes; the size the portal said
+        // at the start stands in until the first picture.
         const PortalSession::Stream &s = session_->stream();
-        const int width = s.width > 0 ? s.width : area_.width();
-        const int height = s.height > 0 ? s.height : area_.height();
+        const int width = area_.width() > 0 ? area_.width() : s.width;
+        const int height = area_.height() > 0 ? area_.height() : s.height;
         double x = position.x(), y = position.y();
         if (width > 0) x = std::clamp(x, 0.0, double(width - 1));
         if (height > 0) y = std::clamp(y, 0.0, double(height - 1));
