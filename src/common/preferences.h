@@ -12,6 +12,9 @@ inline constexpr char UUIDS[] = "UUIDS";                       // sender identif
 inline constexpr char USERNAME[] = "USERNAME";                 // display name
 inline constexpr char AutoStartAtLogin[] = "AutoStartAtLogin"; // first-launch marker
 inline constexpr char InitPCName[] = "InitPCName";             // first showing of the casting panel
+// Not part of the four above: the desktop portal's token for the screen the person chose,
+// so later casts on a Wayland desktop start without asking again.
+inline constexpr char ScreenCastRestoreToken[] = "ScreenCastRestoreToken";
 } // namespace prefkey
 
 class Preferences {

@@ -25,6 +25,16 @@ Backend &backend()
     return b;
 }
 
+void markUnavailable(const QString &why)
+{
+    Backend &b = backend();
+    b.injector.reset();
+    b.tried = true;
+    if (why != b.lastWhy)
+        logLine(lcCapture(), QStringLiteral("remote input is not available: %1; pointer events are dropped").arg(why));
+    b.lastWhy = why;
+}
+
 // The injector to use now, made on first use; null (logged once per reason) when this
 // desktop has none.
 InputInjector *injector()
@@ -34,10 +44,7 @@ InputInjector *injector()
         QString why;
         b.injector = makeInputInjector(&why);
         if (!b.injector) {
-            b.tried = true;
-            if (why != b.lastWhy)
-                logLine(lcCapture(), QStringLiteral("remote input is not available: %1; pointer events are dropped").arg(why));
-            b.lastWhy = why;
+            markUnavailable(why);
             return nullptr;
         }
         if (b.stream) b.injector->setCaptureStream(*b.stream);
@@ -166,6 +173,32 @@ void InputEvent::setInjector(std::unique_ptr<InputInjector> replacement)
         b.injector = std::move(*holder);
         b.tried = false;
         if (b.injector && b.stream) b.injector->setCaptureStream(*b.stream);
+    });
+}
+
+void InputEvent::announceBackend()
+{
+    runOnMainThread([] {
+        if (InputInjector *i = injector())
+            logLine(lcCapture(), QStringLiteral("remote input with the %1 backend").arg(i->name()));
+        else
+            logLine(lcCapture(), QStringLiteral("remote input: none (%1)").arg(backend().lastWhy));
+    });
+}
+
+void InputEvent::useInjector(InjectorFactory factory)
+{
+    runOnMainThread([factory = std::move(factory)] {
+        QString why;
+        std::unique_ptr<InputInjector> made = factory(&why);
+        if (!made) {
+            markUnavailable(why);
+            return;
+        }
+        Backend &b = backend();
+        b.injector = std::move(made);
+        b.tried = false;
+        if (b.stream) b.injector->setCaptureStream(*b.stream);
     });
 }
 

@@ -9,6 +9,7 @@
 #include <QString>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 
 namespace velocast::input {
@@ -58,6 +59,14 @@ public:
     // means "pick the platform's backend on next use". The program never calls this; other
     // backends and tests do.
     static void setInjector(std::unique_ptr<InputInjector> injector);
+    // Makes the backend with factory on the main thread (any thread; in order with the other
+    // calls). A null result means none for this cast: the reason it gives is logged once and
+    // pointer and keyboard events are dropped until the next setCaptureStream or setInjector.
+    using InjectorFactory = std::function<std::unique_ptr<InputInjector>(QString *why)>;
+    static void useInjector(InjectorFactory factory);
+    // Logs which backend acts on the receiver's pointer (any thread; in order with the
+    // calls above), making the platform's one if none is chosen yet.
+    static void announceBackend();
 
     // The wheel clicks an amount turns into: truncated toward zero, bounded by kMaxWheelClicks.
     static int wheelClicks(double amount);

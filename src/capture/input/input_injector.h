@@ -1,5 +1,7 @@
 // The platform side of remote input: what InputEvent needs to put synthetic pointer and
-// keyboard input into this desktop. Backends live in linux/ (XTest on X11 today).
+// keyboard input into this desktop. Backends live in linux/ (XTest on X11, the wlroots
+// virtual pointer on wlroots compositors) and, for the remote-desktop portal, with the
+// portal's capture (capture/session/linux/).
 #pragma once
 
 #include <QPointF>
@@ -47,6 +49,9 @@ class InputInjector {
 public:
     virtual ~InputInjector() = default;
 
+    // Which backend this is, for the log ("X11", "portal", "wlroots").
+    virtual QString name() const = 0;
+
     // The capture being cast; called again whenever a new capture is built.
     virtual void setCaptureStream(const CaptureStream &stream) = 0;
     // Moves the pointer (with a button held this is a drag).
@@ -66,8 +71,9 @@ public:
     virtual void releaseButtons() = 0;
 };
 
-// The backend for this session, or null with the reason in *why when none can work here
-// (no X display: a Wayland session without XWayland, a console). Main thread.
+// The backend for this session, or null with the reason in *why when none can work here:
+// XTest where there is an X display, else the wlroots virtual pointer on a Wayland
+// compositor that offers it (a console, or a compositor with neither: null). Main thread.
 std::unique_ptr<InputInjector> makeInputInjector(QString *why);
 
 } // namespace velocast::input

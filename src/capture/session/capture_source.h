@@ -48,7 +48,21 @@ public:
 
 class CaptureBackend {
 public:
+    using Ready = std::function<void(bool ok, const QString &why)>;
+
     virtual ~CaptureBackend() = default;
+    // Its name in the log line at the start of each cast ("X11", "portal").
+    virtual QString name() const = 0;
+    // Some desktops ask the person what to share before a cast can be built, in a dialog
+    // that may stay up for minutes. This runs that step without blocking the calling
+    // thread, which must run an event loop, and calls done there: ok, or the reason in plain
+    // words. Call once per cast, before mainDisplay(). By default there is nothing to ask.
+    virtual void prepareCapture(Ready done) { done(true, QString()); }
+    // Gives back what prepareCapture took (the desktop's sharing session) when a cast ends.
+    virtual void finishCapture() {}
+    // handler is called, on the thread that called prepareCapture, when the desktop ends
+    // the sharing by itself (the person stopped it from the desktop's own indicator).
+    virtual void setEndedHandler(std::function<void(const QString &why)> handler) { (void)handler; }
     // The main display, or nothing, with the reason in *why, when this desktop cannot be
     // captured (no X display, no RandR: a Wayland session without XWayland, a console).
     virtual std::optional<MainDisplay> mainDisplay(QString *why) = 0;
@@ -63,5 +77,17 @@ public:
 
 // X11 (XRandR primary output, ximagesrc) and PulseAudio (pulsesrc) on GStreamer.
 std::unique_ptr<CaptureBackend> makeX11CaptureBackend();
+// The desktop portal's screen cast (pipewiresrc) and PulseAudio, for Wayland sessions.
+// pointerInput: share through a remote-desktop session (one dialog for the screen and the
+// receiver's pointer) where the desktop offers one; otherwise a plain screen cast.
+std::unique_ptr<CaptureBackend> makePortalCaptureBackend(bool pointerInput = true);
+
+enum class SessionKind { X11, Wayland };
+// Which kind of desktop session this is, from XDG_SESSION_TYPE ("wayland", "x11") and,
+// when that says neither, from whether WAYLAND_DISPLAY names a compositor.
+SessionKind sessionKind(const QString &xdgSessionType, const QString &waylandDisplay);
+SessionKind currentSessionKind();
+// The backend for the session this program runs in.
+std::unique_ptr<CaptureBackend> makeCaptureBackendForSession();
 
 } // namespace velocast::capture

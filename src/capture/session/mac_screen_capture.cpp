@@ -1,7 +1,12 @@
 #include "capture/session/mac_screen_capture.h"
 
 #include "capture/gst_util.h"
+#include "capture/input/input_event.h"
+#include "capture/input/linux/virtual_pointer_injector.h"
 #include "capture/input/mouse_event.h"
+#include "capture/session/linux/portal_backend.h"
+#include "capture/session/linux/portal_input_injector.h"
+#include "capture/session/linux/portal_session.h"
 #include "common/lenient_value.h"
 #include "common/log.h"
 #include "common/main_thread.h"
@@ -9,6 +14,7 @@
 #include "push/bridge/camera_encoder.h"
 #include "push/push_api.h"
 
+#include <QPointer>
 #include <QVariantList>
 
 #include <cmath>
@@ -137,11 +143,45 @@ void MacScreenCapture::stopPut()
 
 void MacScreenCapture::startPutFuction()
 {
-    std::lock_guard lock(sessionMutex_);
-    if (isPutting_.load()) return;
-    const uint64_t generation = generation_.load();
+    // No session lock here: a stop still running on the cast queue holds it.
+    if (isPutting_.load() || preparing_.load()) return;
     // Audio stays off until the receiver asks for it.
     isAudioUse_.store(false);
+    const uint64_t generation = generation_.load();
+    if (!backend_ && backendFactory_) backend_ = backendFactory_();
+    if (!backend_) {
+        logLine(lcCapture(), QStringLiteral("screen capture is not available here; the cast does not start"));
+        endCastWithReason(kCaptureUnavailable);
+        return;
+    }
+    logLine(lcCapture(), QStringLiteral("casting with the %1 capture backend").arg(backend_->name()));
+    // The desktop may ask the person what to share: the window stays usable meanwhile, and
+    // the cast goes on (or ends) when the answer comes, on this thread. Building the capture
+    // and the push's connect then run on the cast queue.
+    preparing_.store(true);
+    prepares_.fetch_add(1);
+    std::weak_ptr<MacScreenCapture *> weak = life_;
+    backend_->setEndedHandler([weak](const QString &why) {
+        if (const auto life = weak.lock()) (*life)->endCastWithReason(why);
+    });
+    backend_->prepareCapture([weak, generation](bool ok, const QString &why) {
+        const auto life = weak.lock();
+        if (!life) return;
+        MacScreenCapture *self = *life;
+        if (!self->preparing_.exchange(false)) return; // stopped while the person was choosing
+        if (!ok) {
+            self->endCastWithReason(why);
+            return;
+        }
+        self->runOnCastQueue([self, generation] { self->buildAndStart(generation); });
+    });
+}
+
+void MacScreenCapture::buildAndStart(uint64_t generation)
+{
+    std::lock_guard lock(sessionMutex_);
+    // A stop since the allow voids this start.
+    if (generation_.load() != generation || isPutting_.load()) return;
     if (!captureSession_) configScreenCapture();
     if (!captureSession_) {
         // configScreenCapture said why. The receiver granted a cast that will not come and
@@ -149,36 +189,87 @@ void MacScreenCapture::startPutFuction()
         std::weak_ptr<MacScreenCapture *> weak = life_;
         runOnMainThread([weak, generation] {
             const auto life = weak.lock();
-            if (life && (*life)->generation_.load() == generation) (*life)->captureFailed();
+            if (life && (*life)->generation_.load() == generation) (*life)->endCastWithReason(kCaptureUnavailable);
         });
         return;
     }
+    continueStart();
+}
+
+void MacScreenCapture::continueStart()
+{
+    std::lock_guard lock(sessionMutex_);
     isPutting_.store(true);
     captureSession_->startRunning();
     if (auto enc = encoder()) enc->startLiving(ipStr(), vPort_.load(), aPort_.load());
-    // The receiver's pointer lands on the pixels it sees, and only while this cast runs.
-    {
-        std::lock_guard props(propertyMutex_);
-        if (display_)
-            input::InputEvent::setCaptureStream(
-                {display_->displayName, display_->displayID, QRect(display_->x, display_->y, display_->width, display_->height), {}, 0});
-    }
-    input::MouseEvent::castStarted();
+    // The receiver's pointer lands on the pixels it sees, and only while this cast runs. The
+    // desktop's sharing session lives on the main thread: remote input is set up there.
+    const uint64_t generation = generation_.load();
+    std::weak_ptr<MacScreenCapture *> weak = life_;
+    runOnMainThread([weak, generation] {
+        const auto life = weak.lock();
+        if (!life) return;
+        MacScreenCapture *self = *life;
+        if (self->generation_.load() != generation || !self->isPutting_.load()) return;
+        auto *portal = dynamic_cast<capture::PortalBackend *>(self->backend_.get());
+        capture::PortalSession *sharing = portal ? portal->portalSession() : nullptr;
+        {
+            std::lock_guard props(self->propertyMutex_);
+            if (self->display_) {
+                const capture::MainDisplay &d = *self->display_;
+                self->inputStream_ = {d.displayName, d.displayID, QRect(d.x, d.y, d.width, d.height),
+                                      sharing ? sharing->sessionHandle() : QString(), sharing ? sharing->stream().node : 0};
+                input::InputEvent::setCaptureStream(self->inputStream_);
+            }
+        }
+        if (portal) chooseWaylandInput(sharing);
+        input::InputEvent::announceBackend();
+        input::MouseEvent::castStarted();
+    });
 }
 
-void MacScreenCapture::captureFailed()
+void MacScreenCapture::chooseWaylandInput(capture::PortalSession *sharing)
 {
+    // The remote-desktop portal where the desktop has one (the person allowed the pointer in
+    // the same dialog as the screen); wlroots compositors have only a screen cast and take
+    // the pointer through their virtual-pointer protocol. X11 keeps the XTest backend, made
+    // on first use.
+    QPointer<capture::PortalSession> session(sharing);
+    const bool remoteDesktop = sharing && sharing->isRemoteDesktop();
+    const bool pointer = sharing && sharing->hasPointer();
+    input::InputEvent::useInjector([session, remoteDesktop, pointer](QString *why) -> std::unique_ptr<input::InputInjector> {
+        if (remoteDesktop) {
+            if (pointer && session) return capture::makePortalInputInjector(session.data());
+            *why = QStringLiteral("pointer input was not allowed when the screen was shared");
+            return nullptr;
+        }
+        QString vpWhy;
+        if (auto injector = input::makeVirtualPointerInjector(&vpWhy)) return injector;
+        *why = QStringLiteral("this desktop offers neither the remote-desktop portal nor a virtual pointer (%1)").arg(vpWhy);
+        return nullptr;
+    });
+}
+
+void MacScreenCapture::endCastWithReason(const QString &why)
+{
+    logLine(lcCapture(), QStringLiteral("the cast ends: %1").arg(why));
+    listenMsg(false);
+    // A sharing session that no capture uses is given back now; one in use once capture has
+    // stopped (the stop's last step).
+    if (backend_ && !isPutting_.load() && castQueueIdle()) backend_->finishCapture();
     stopPut();
     auto &center = NotificationCenter::defaultCenter();
     center.post(QString::fromLatin1(notice::NOTICE_BESTOPSCREENCAPTURE));
-    center.post(QString::fromLatin1(notice::NOTICE_SCREENCAPTURESTATE), QVariantList{false, kCaptureUnavailable});
+    center.post(QString::fromLatin1(notice::NOTICE_SCREENCAPTURESTATE), QVariantList{false, why});
 }
 
 void MacScreenCapture::stopPutFouction()
 {
-    // Every stop ends listening and voids a start still waiting on the cast queue.
+    // Every stop ends listening and voids a start still waiting on the cast queue or on the
+    // person's answer in the desktop's sharing dialog.
     generation_.fetch_add(1);
     listenMsg(false);
+    if (preparing_.exchange(false) && backend_) backend_->finishCapture();
     if (!isPutting_.exchange(false)) {
         // A start may be running on the cast queue right now: the step below undoes it.
         if (castSteps_.load() == 0) return;
@@ -186,7 +277,8 @@ void MacScreenCapture::stopPutFouction()
     isAudioUse_.store(false);
     // No pointer event from the receiver acts after this; a button it holds is let go.
     input::MouseEvent::castEnded();
-    runOnCastQueue([this] {
+    const uint64_t prepares = prepares_.load();
+    runOnCastQueue([this, prepares] {
         std::lock_guard lock(sessionMutex_);
         // Whatever start ran before this step is undone; a later start runs after it.
         isPutting_.store(false);
@@ -195,6 +287,15 @@ void MacScreenCapture::stopPutFouction()
         // stopped here and kept until then.
         releaseCaptureSession();
         if (auto enc = encoder(); enc && enc->isRunning()) enc->stopCamera();
+        // The desktop's sharing session belongs to the main thread; a cast asked for since
+        // this stop has taken a new one, which stays.
+        std::weak_ptr<MacScreenCapture *> weak = life_;
+        runOnMainThread([weak, prepares] {
+            const auto life = weak.lock();
+            if (!life) return;
+            MacScreenCapture *self = *life;
+            if (self->backend_ && self->prepares_.load() == prepares) self->backend_->finishCapture();
+        });
     });
 }
 
@@ -216,6 +317,7 @@ void MacScreenCapture::audioEnable(bool enable) { isAudioUse_.store(enable); }
 void MacScreenCapture::changeSizeForCount(int64_t count)
 {
     if (count <= 0) return;
+    splitCount_.store(count);
     const int64_t divisor = count == 1 ? 1 : count <= 6 ? 2 : 3;
     const auto enc = encoder();
     if (!enc) return;
@@ -260,10 +362,7 @@ void MacScreenCapture::receiveMsg(const QVariant &message)
     if (id == kPermissionAllow) {
         // Building and starting the capture and the push's connect wait run off this
         // (the window's) thread; a stop in between voids the start.
-        const uint64_t generation = generation_.load();
-        runOnCastQueue([this, generation] {
-            if (generation_.load() == generation && !isPutting_.load()) startPutFuction();
-        });
+        if (!isPutting_.load()) startPutFuction();
     } else if (id == kPermissionRefuse) {
         listenMsg(false);
     } else if (id == kPermissionDisconnect) {
@@ -334,6 +433,7 @@ void MacScreenCapture::mouseEventWithType(int32_t type, int32_t x, int32_t y, in
 void MacScreenCapture::configScreenCapture()
 {
     std::lock_guard lock(sessionMutex_);
+    splitCount_.store(1);
     if (!backend_ && backendFactory_) backend_ = backendFactory_();
     if (!backend_) {
         logLine(lcCapture(), QStringLiteral("screen capture is not available here; the cast does not start"));
@@ -402,6 +502,7 @@ void MacScreenCapture::configEncoder()
         if (display_) size = QSizeF(display_->width, display_->height);
     }
     setScreenSize(size);
+    pictureSize_.store((int64_t(size.width()) << 32) | int64_t(size.height()));
     fresh->changeOutputSize({size.width(), size.height()});
     bitRate_.store(kFullBitRate);
     fresh->changeBitrate(kFullBitRate);
@@ -424,12 +525,34 @@ void MacScreenCapture::captureOutput(const capture::MediaSample &sample, Output 
     const auto enc = encoder();
     if (!enc) return;
     if (output == Output::Video) {
+        followPictureSize(sample.width(), sample.height());
         videoForwarded_.fetch_add(1);
         enc->pushBuffer(sample);
     } else if (isAudioUse_.load()) {
         audioForwarded_.fetch_add(1);
         enc->pushAudioBuffer(sample);
     }
+}
+
+// The screen being shared can change size during a cast (a monitor re-arranged, or a portal
+// that did not say the size up front): screenSize and the encoder follow the pictures, and
+// the encoder starts again at the new size with a key frame. Capture thread.
+void MacScreenCapture::followPictureSize(int width, int height)
+{
+    if (width <= 0 || height <= 0) return;
+    const int64_t packed = (int64_t(width) << 32) | int64_t(height);
+    if (pictureSize_.exchange(packed) == packed) return;
+    logLine(lcCapture(), QStringLiteral("the shared screen is now %1x%2").arg(width).arg(height));
+    setScreenSize(QSizeF(width, height));
+    {
+        // Remote input places positions on the picture as it is now.
+        std::lock_guard props(propertyMutex_);
+        if (inputStream_.area.size() != QSize(width, height)) {
+            inputStream_.area.setSize(QSize(width, height));
+            input::InputEvent::setCaptureStream(inputStream_);
+        }
+    }
+    changeSizeForCount(splitCount_.load());
 }
 
 // --- Fit ---------------------------------------------------------------------------------

@@ -20,6 +20,7 @@
 // a flag changes. Stopping clears isPutting and isAudioUse at once.
 #pragma once
 
+#include "capture/input/input_injector.h"
 #include "capture/session/capture_source.h"
 #include "common/notification_center.h"
 #include "common/serial_queue.h"
@@ -42,6 +43,10 @@ namespace velocast::push {
 class CameraEncoder;
 }
 
+namespace velocast::capture {
+class PortalSession;
+}
+
 namespace velocast {
 
 class MacScreenCapture {
@@ -56,7 +61,7 @@ public:
 
     // Separate instances exist for tests (each observes the notifications while it lives);
     // the program uses shareCapture(). The backend is made when the first cast is built.
-    explicit MacScreenCapture(BackendFactory backendFactory = capture::makeX11CaptureBackend);
+    explicit MacScreenCapture(BackendFactory backendFactory = capture::makeCaptureBackendForSession);
     // Stops a running capture and the encoder bridge, and removes every observation.
     ~MacScreenCapture();
     MacScreenCapture(const MacScreenCapture &) = delete;
@@ -69,10 +74,14 @@ public:
     // The application ends the cast: tell the receiver (always), then stop.
     void stopPut();
     // Starts capture and the push to ipStr; nothing while casting. Builds the capture first
-    // when none exists; without a display to capture it logs why, does not start, and ends
-    // the cast on both sides (on the main thread). Blocks for the push's connect: the
-    // receiver's allow runs it on the cast queue.
+    // when none exists. Runs on the main thread: a desktop that asks the person what to share
+    // (the Wayland portal) asks first, without blocking; building the capture and the push's
+    // connect then run on the cast queue. A screen that cannot be captured ends the cast on
+    // both sides (endCastWithReason).
     void startPutFuction();
+    // The cast ends as if the application had stopped it (the receiver is told, the panel
+    // goes back to its start state) and the window shows why in a toast. Main thread.
+    void endCastWithReason(const QString &why);
     // Stops listening, voids a start still queued and, when casting, clears isPutting and
     // isAudioUse at once; capture and the push stop on the cast queue. Any thread.
     void stopPutFouction();
@@ -149,8 +158,13 @@ private:
     class CaptureSession;
 
     void releaseCaptureSession();
-    void captureFailed();
     void runOnCastQueue(std::function<void()> step);
+    // Builds the capture when there is none and starts it with the push (cast queue).
+    void buildAndStart(uint64_t generation);
+    void continueStart();
+    // Remote input for a cast shared through the desktop portal (Wayland).
+    static void chooseWaylandInput(capture::PortalSession *sharing);
+    void followPictureSize(int width, int height);
     std::shared_ptr<push::CameraEncoder> encoder() const;
 
     const BackendFactory backendFactory_;
@@ -160,6 +174,7 @@ private:
     QString ipStr_;
     QSizeF screenSize_{0, 0};
     std::optional<capture::MainDisplay> display_; // of the capture being built
+    input::CaptureStream inputStream_;             // what remote input was told of the cast
 
     std::atomic<int32_t> vPort_{kDefaultPort};
     std::atomic<int32_t> aPort_{kDefaultPort};
@@ -168,6 +183,13 @@ private:
     std::atomic<bool> isPutting_{false};
     std::atomic<bool> isPause_{false};
     std::atomic<bool> isAudioUse_{false};
+    // Between asking the desktop what to share and its answer.
+    std::atomic<bool> preparing_{false};
+    // How many times the desktop was asked what to share (each cast asks once).
+    std::atomic<uint64_t> prepares_{0};
+    // The picture size the encoder was last set up for, and the receiver's last split count.
+    std::atomic<int64_t> pictureSize_{0};
+    std::atomic<int64_t> splitCount_{1};
 
     std::atomic<uint64_t> videoCaptured_{0};
     std::atomic<uint64_t> videoForwarded_{0};

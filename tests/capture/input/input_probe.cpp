@@ -1,6 +1,6 @@
 // A window that reports the input a toolkit receives, one line per event on standard
 // output, for the remote input tests. It covers the whole screen; a line edit sits at its
-// top left and holds the keyboard focus.
+// top left and holds the keyboard focus. Runs on X11 and on Wayland (full screen there).
 #include <QApplication>
 #include <QKeySequence>
 #include <QLineEdit>
@@ -78,8 +78,14 @@ int main(int argc, char **argv)
 {
     QApplication app(argc, argv);
     Probe probe;
-    probe.setGeometry(app.primaryScreen()->geometry());
-    probe.show();
+    if (QGuiApplication::platformName().startsWith(QLatin1String("wayland"))) {
+        // A Wayland client cannot place its window: full screen puts it over the output, so
+        // that window positions are screen positions.
+        probe.showFullScreen();
+    } else {
+        probe.setGeometry(app.primaryScreen()->geometry());
+        probe.show();
+    }
     probe.activateWindow();
     QObject::connect(app.primaryScreen(), &QScreen::geometryChanged, &probe, [&probe](const QRect &g) { probe.setGeometry(g); });
     probe.findChild<QLineEdit *>()->setFocus();

@@ -1,5 +1,7 @@
 #include "capture/input/linux/xtest_input_injector.h"
 
+#include "capture/input/linux/virtual_pointer_injector.h"
+
 #include "common/log.h"
 
 #include <QTimer>
@@ -76,6 +78,8 @@ public:
         restoreTimer_.setInterval(kRestoreAfterMs);
         QObject::connect(&restoreTimer_, &QTimer::timeout, [this] { restoreSpares(); });
     }
+
+    QString name() const override { return QStringLiteral("X11"); }
 
     ~XTestInputInjector() override
     {
@@ -310,9 +314,11 @@ std::unique_ptr<InputInjector> makeXTestInputInjector(const QString &displayName
 std::unique_ptr<InputInjector> makeInputInjector(QString *why)
 {
     if (!std::getenv("DISPLAY") || !*std::getenv("DISPLAY")) {
-        *why = std::getenv("WAYLAND_DISPLAY") ? QStringLiteral("a Wayland session without an X display (no DISPLAY)")
-                                              : QStringLiteral("no display (DISPLAY is not set)");
-        return nullptr;
+        if (!std::getenv("WAYLAND_DISPLAY") || !*std::getenv("WAYLAND_DISPLAY")) {
+            *why = QStringLiteral("no display (neither DISPLAY nor WAYLAND_DISPLAY is set)");
+            return nullptr;
+        }
+        return makeVirtualPointerInjector(why);
     }
     auto injector = makeXTestInputInjector(QString(), why);
     if (injector && std::getenv("WAYLAND_DISPLAY"))

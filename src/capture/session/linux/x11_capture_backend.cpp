@@ -37,6 +37,8 @@ GstElement *parse(const QString &description, QString *error)
 
 class X11CaptureBackend final : public CaptureBackend {
 public:
+    QString name() const override { return QStringLiteral("X11"); }
+
     std::optional<MainDisplay> mainDisplay(QString *why) override
     {
         // Under XWayland the X server sees only the X11 clients' windows, not the desktop.
