@@ -312,8 +312,8 @@ TEST_F(WaylandDesktop, RefusedOrStoppedSharingEndsTheCastCleanly)
         const char *toast;
     };
     const Case cases[] = {
-        {"cancelled dialog", "cancel", false, "cancelled"},
-        {"stopped from the desktop", "", true, "stopped from the desktop"},
+        {"cancelled dialog", "cancel", false, "已取消共享屏幕"},
+        {"stopped from the desktop", "", true, "已在桌面上停止共享屏幕"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);

@@ -306,7 +306,9 @@ TEST(MacScreenCaptureInput, ReceiverPointerCommandsActDuringARealCast)
     capture.setVPort(receiver.mediaPort());
     capture.setAPort(receiver.mediaPort());
     capture.startPut();
-    ASSERT_TRUE(waitUntil([&] { return capture.isPutting(); }, 20s));
+    // The receiver's pointer acts once the cast is running, which is a moment after capture
+    // starts (the push connects first).
+    ASSERT_TRUE(waitUntil([&] { return capture.isPutting() && MouseEvent::isCastRunning(); }, 20s));
 
     QStringList seen;
     const auto delivered = [&](const QString &events) {
