@@ -77,14 +77,15 @@ pids+=($!)
 
 window=""
 for _ in $(seq 1 300); do
-    window=$(in_ns xdotool search --name '^Velocast$' 2>/dev/null | head -n1 || true)
+    window=$(in_ns xdotool search --onlyvisible --name '^Velocast$' 2>/dev/null | head -n1 || true)
     [ -n "$window" ] && break
     sleep 0.1
 done
 [ -n "$window" ] || { echo "FAIL: no window"; cat "$tmp/app.log"; exit 1; }
 # Wait until the program has seen the namespace's network (the code boxes need it).
 wait_for 30 grep -q 'net : .* 10.77.1.2' "$tmp/app.log" || { echo "FAIL: no network report"; cat "$tmp/app.log"; exit 1; }
-timeout 5 ip netns exec "$ns" xdotool windowfocus "$window" || true
+# A window just mapped may refuse the focus for a moment on a loaded machine.
+wait_for 5 timeout 5 ip netns exec "$ns" xdotool windowfocus "$window" || true
 in_ns xdotool type --delay 80 "$code"
 
 wait_for 30 has_event '"id":"id_connect_request"' || { echo "FAIL: no admission request"; cat "$tmp/app.log"; exit 1; }
@@ -108,7 +109,8 @@ echo close >&3
 wait_for 40 grep -qE 'disconnectWithNotice|brokenWithNotice' "$tmp/app.log" || { echo "FAIL: the close was not noticed"; cat "$tmp/app.log"; exit 1; }
 # Back at code entry: a new code typed into the boxes connects again.
 sleep 0.5
-timeout 5 ip netns exec "$ns" xdotool windowfocus "$window" || true
+# A window just mapped may refuse the focus for a moment on a loaded machine.
+wait_for 5 timeout 5 ip netns exec "$ns" xdotool windowfocus "$window" || true
 in_ns xdotool type --delay 80 "$code"
 two_requests() { [ "$(grep -c '"id":"id_connect_request"' "$events")" -ge 2 ]; }
 wait_for 30 two_requests || { echo "FAIL: code entry did not come back"; cat "$tmp/app.log"; exit 1; }
