@@ -82,7 +82,8 @@ grep -q '<svg' "$x/velocast/usr/share/icons/hicolor/scalable/apps/velocast.svg" 
 # The help page the wizard copies: shipped, and the address the program has built in.
 help=/usr/share/doc/velocast/help.html
 [ -s "$x/velocast$help" ] || fail "help page not in the package"
-strings -e l "$x/velocast/usr/bin/velocast" | grep -qxF "$help" || fail "the program does not point at $help"
+# grep reads to the end: with pipefail, a grep -q that stops early would fail the pipe.
+strings -e l "$x/velocast/usr/bin/velocast" | grep -xF "$help" >/dev/null || fail "the program does not point at $help"
 
 # One version everywhere: the package, the program's --version, the metainfo's release.
 [ "$(dpkg-deb -f "$deb" Version)" = "$version" ] || fail "package version"
