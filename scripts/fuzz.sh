@@ -7,7 +7,7 @@ set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
 seconds=${1:-60}
-targets=(fuzz_control_chunk fuzz_connect_code fuzz_avc_annexb fuzz_receiver_control fuzz_receiver_media)
+targets=(fuzz_control_chunk fuzz_connect_code fuzz_avc_annexb fuzz_h264_frame_scan fuzz_receiver_control fuzz_receiver_media)
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz -j2 --target "${targets[@]}"
 status=0

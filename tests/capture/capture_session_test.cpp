@@ -321,15 +321,20 @@ struct LoopWatch {
     LoopWatch()
     {
         timer.setTimerType(Qt::PreciseTimer);
-        QObject::connect(&timer, &QTimer::timeout, [this] {
-            const auto now = std::chrono::steady_clock::now();
-            longest = std::max(longest, std::chrono::duration_cast<std::chrono::milliseconds>(now - last));
-            last = now;
-        });
+        QObject::connect(&timer, &QTimer::timeout, [this] { tick(); });
         timer.start(5);
     }
+    void tick()
+    {
+        const auto now = std::chrono::steady_clock::now();
+        longest = std::max(longest, std::chrono::duration_cast<std::chrono::milliseconds>(now - last));
+        last = now;
+    }
+    // The longest gap since the last reset, up to now: a wait that ends right after a
+    // stalled turn has not let the timer tick since.
     std::chrono::milliseconds reset()
     {
+        tick();
         const auto l = longest;
         longest = {};
         last = std::chrono::steady_clock::now();

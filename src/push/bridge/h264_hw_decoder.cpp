@@ -1,6 +1,7 @@
 #include "push/bridge/h264_hw_decoder.h"
 
 #include "capture/avc_config.h"
+#include "push/bridge/h264_frame_scan.h"
 #include "common/log.h"
 
 #include <gst/app/gstappsink.h>
@@ -56,24 +57,6 @@ constexpr const char *kDecoderChain[] = {"vah264dec", "vaapih264dec", "nvh264dec
 
 constexpr int kNalSps = 7;
 constexpr int kNalPps = 8;
-constexpr int kNalIdr = 5;
-constexpr int kNalSlice = 1;
-
-// Start-code search windows: an SPS of at most 35 bytes, a PPS of at most 25.
-constexpr uint32_t kSpsSearchLast = 39;
-constexpr uint32_t kPpsSearchSpan = 25;
-
-// First position p in [from, last] where 00 00 00 01 starts and fits inside the frame.
-bool findStartCode(const uint8_t *frame, uint32_t size, uint32_t from, uint32_t last, uint32_t *found)
-{
-    for (uint64_t p = from; p <= last && p + 4 <= size; ++p) {
-        if (frame[p] == 0 && frame[p + 1] == 0 && frame[p + 2] == 0 && frame[p + 3] == 1) {
-            *found = uint32_t(p);
-            return true;
-        }
-    }
-    return false;
-}
 
 GstCapsPtr avcCaps(const std::vector<uint8_t> &sps, const std::vector<uint8_t> &pps)
 {
@@ -202,51 +185,32 @@ bool H264HWDecoder::setFormatDescription(std::vector<uint8_t> sps, std::vector<u
 
 void H264HWDecoder::receivedRawVideoFrame(const uint8_t *frame, uint32_t frameSize, bool)
 {
-    // A start code and a NAL header at the least.
-    if (!frame || frameSize < 5) {
+    if (!frame) frameSize = 0;
+    const H264FrameScan scan = scanH264Frame({frame, frameSize}, _spsSize, _ppsSize, hasFormatDesc());
+    _spsSize = scan.spsSize;
+    _ppsSize = scan.ppsSize;
+    using Verdict = H264FrameScan::Verdict;
+    switch (scan.verdict) {
+    case Verdict::TooShort:
         logLine(lcCapture(), QStringLiteral("H264HWDecoder: frame of %1 bytes dropped").arg(frameSize));
         return;
-    }
-    const bool startsWithSps = (frame[4] & 0x1F) == kNalSps;
-    int type = frame[4] & 0x1F;
-    if (startsWithSps) {
-        uint32_t p = 0;
-        uint32_t header = 4; // not found: the SPS's own header again
-        if (findStartCode(frame, frameSize, 4, kSpsSearchLast, &p)) {
-            _spsSize = int32_t(p);
-            header = p + 4;
-        }
-        type = header < frameSize ? frame[header] & 0x1F : 0;
-    } else if (!hasFormatDesc()) {
+    case Verdict::BeforeFirstSps:
         return; // nothing to decode with before the first SPS
-    }
-
-    if (type == kNalPps) {
-        const auto spsSize = uint32_t(_spsSize);
-        uint32_t p = 0;
-        if (findStartCode(frame, frameSize, spsSize + 4, spsSize + 4 + kPpsSearchSpan, &p)) _ppsSize = int32_t(p - spsSize);
-        const uint64_t psEnd = uint64_t(_spsSize) + uint64_t(_ppsSize);
-        if (_spsSize <= 4 || _ppsSize <= 4 || psEnd > frameSize) {
-            logLine(lcCapture(), QStringLiteral("H264HWDecoder: parameter sets (%1 + %2 bytes) do not fit a %3-byte frame; dropped")
-                                     .arg(_spsSize).arg(_ppsSize).arg(frameSize));
-            return;
-        }
-        std::vector<uint8_t> sps(frame + 4, frame + spsSize);
-        std::vector<uint8_t> pps(frame + spsSize + 4, frame + psEnd);
-        if (!setFormatDescription(std::move(sps), std::move(pps))) return;
-        type = psEnd + 4 < frameSize ? frame[psEnd + 4] & 0x1F : 0;
-        if (!_decompressionSession) createDecompSession();
-    } else if (!_decompressionSession) {
-        createDecompSession();
-    }
-
-    uint64_t offset = 0;
-    if (type == kNalIdr) {
-        offset = uint64_t(_spsSize) + uint64_t(_ppsSize);
-    } else if (type != kNalSlice) {
+    case Verdict::SetsDoNotFit:
+        logLine(lcCapture(), QStringLiteral("H264HWDecoder: parameter sets (%1 + %2 bytes) do not fit a %3-byte frame; dropped")
+                                 .arg(_spsSize).arg(_ppsSize).arg(frameSize));
         return;
+    default:
+        break;
     }
-    if (offset + 5 > frameSize) {
+    if (scan.hasParameterSets() &&
+        !setFormatDescription(std::vector<uint8_t>(scan.sps.begin(), scan.sps.end()), std::vector<uint8_t>(scan.pps.begin(), scan.pps.end())))
+        return;
+    if (!_decompressionSession) createDecompSession();
+
+    if (scan.verdict == Verdict::NotASlice) return;
+    const uint64_t offset = scan.sliceOffset;
+    if (scan.verdict == Verdict::SliceDoesNotFit) {
         logLine(lcCapture(), QStringLiteral("H264HWDecoder: slice at offset %1 does not fit a %2-byte frame; dropped").arg(offset).arg(frameSize));
         return;
     }
