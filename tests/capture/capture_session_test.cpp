@@ -413,6 +413,8 @@ TEST(MacScreenCaptureCast, WithoutAnXDisplayTheCastDoesNotStart)
     LogRecorder log;
     MacScreenCapture capture;
     capture.startPutFuction();
+    // The capture is built on the cast queue.
+    EXPECT_TRUE(waitUntil([&] { return capture.castQueueIdle(); }));
     if (!saved.isNull()) setenv("DISPLAY", saved.constData(), 1);
     EXPECT_FALSE(capture.isPutting());
     EXPECT_EQ(capture.cameraEncoder(), nullptr);
