@@ -220,7 +220,8 @@ void skipScalingList(BitReader &r, int size)
 {
     int last = 8, next = 8;
     for (int j = 0; j < size && !r.failed(); ++j) {
-        if (next != 0) next = (last + r.se() + 256) % 256;
+        // In 64 bits: a hostile delta near the 32-bit limit must not overflow.
+        if (next != 0) next = int(((int64_t(last) + r.se()) % 256 + 256) % 256);
         last = next == 0 ? last : next;
     }
 }
