@@ -132,4 +132,13 @@ QByteArray recordData(const QString &fullName, quint16 type)
     return state.data;
 }
 
+
+void startPublisher(QProcess &publisher, const QString &bus, const QString &name, const QString &type, int port)
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), bus);
+    publisher.setProcessEnvironment(env);
+    publisher.start(QStringLiteral("avahi-publish"), {QStringLiteral("-s"), name, type, QString::number(port)});
+}
+
 } // namespace velocast::test

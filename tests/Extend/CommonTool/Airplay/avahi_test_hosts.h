@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QProcess>
 #include <QString>
 #include <QStringList>
 
@@ -29,6 +30,9 @@ QStringList browse(const QString &bus, const QString &type, bool resolve);
 QString unescapeBrowsed(const QString &field);
 // Whether an instance of that name shows in a browse.
 bool browseHas(const QString &bus, const QString &type, const QString &name, bool resolve = false);
+// Another process publishing a service on the daemon behind bus (avahi-publish), until
+// the QProcess is killed.
+void startPublisher(QProcess &publisher, const QString &bus, const QString &name, const QString &type, int port);
 // Raw rdata of one record (class IN) as a record browser on this process's daemon sees it,
 // or an empty array when none arrived.
 QByteArray recordData(const QString &fullName, quint16 type);

@@ -195,11 +195,7 @@ TEST(DNSSDRegistrationAvahi, ConflictLostDaemonAndNoDaemon)
     NEED_HOSTS(hosts);
     // Another process holds the name.
     QProcess holder;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), hosts.bus());
-    holder.setProcessEnvironment(env);
-    holder.start(QStringLiteral("avahi-publish"),
-        {QStringLiteral("-s"), QStringLiteral("Taken"), QStringLiteral("_airplay._tcp"), QStringLiteral("7001")});
+    startPublisher(holder, hosts.bus(), QStringLiteral("Taken"), QStringLiteral("_airplay._tcp"), 7001);
     ASSERT_TRUE(waitUntil([&] { return browseHas(hosts.bus(), QStringLiteral("_airplay._tcp"), "Taken"); },
         std::chrono::seconds(15)));
     Recorder clash;
@@ -246,11 +242,7 @@ TEST(DNSSDRegistrationAvahi, LocalOnlyIsInvisibleToAnotherHost)
     reg.start();
     ASSERT_TRUE(waitUntil([&] { return rec.has("did"); }, std::chrono::seconds(15)));
     QProcess shared;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), hosts.bus(1));
-    shared.setProcessEnvironment(env);
-    shared.start(QStringLiteral("avahi-publish"),
-        {QStringLiteral("-s"), QStringLiteral("Shared"), QStringLiteral("_airplay._tcp"), QStringLiteral("7002")});
+    startPublisher(shared, hosts.bus(1), QStringLiteral("Shared"), QStringLiteral("_airplay._tcp"), 7002);
     ASSERT_TRUE(waitUntil([&] { return browseHas(hosts.bus(2), QStringLiteral("_airplay._tcp"), "Shared"); },
         std::chrono::seconds(20)));
     EXPECT_FALSE(browseHas(hosts.bus(2), QStringLiteral("_airplay._tcp"), "Mine"));
@@ -266,11 +258,7 @@ TEST(AirPlayManagerAvahi, OneResultPerConnect)
     AvahiHosts hosts;
     NEED_HOSTS(hosts);
     QProcess holder;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), hosts.bus());
-    holder.setProcessEnvironment(env);
-    holder.start(QStringLiteral("avahi-publish"),
-        {QStringLiteral("-s"), QStringLiteral("Held@Room"), QStringLiteral("_raop._tcp"), QStringLiteral("7001")});
+    startPublisher(holder, hosts.bus(), QStringLiteral("Held@Room"), QStringLiteral("_raop._tcp"), 7001);
     ASSERT_TRUE(waitUntil([&] { return browseHas(hosts.bus(), QStringLiteral("_raop._tcp"), "Held@Room"); },
         std::chrono::seconds(15)));
 
