@@ -295,7 +295,7 @@ int main(int argc, char **argv)
     XCloseDisplay(d);
 
     std::printf("screen %dx%d, %d s per turn, %d turns each, turns interleaved\n", screen.width(), screen.height(), seconds, turns);
-    for (const QString mode : {QStringLiteral("moving"), QStringLiteral("still")}) {
+    for (const QString &mode : {QStringLiteral("moving"), QStringLiteral("still")}) {
         if (content != "both" && content != mode) continue;
         QProcess animator;
         animator.start(QCoreApplication::applicationFilePath(), {"--animate", mode});

@@ -2,13 +2,15 @@
 // as the window drives it, ending each in one of the three ways a cast ends (the receiver
 // closes the channel, the receiver ends the cast, the user disconnects). After a warm-up
 // the process must hold no more descriptors or threads than before, and about the same
-// memory: whatever a cast opens is let go of when it ends.
+// memory: whatever a cast opens is let go of when it ends, its encoder's session included.
 #include "capture/session/mac_screen_capture.h"
 
+#include "capture/h264_hw_encoder.h"
 #include "common/notification_center.h"
 #include "common/notification_names.h"
 #include "control/connection_session.h"
 #include "control/net_control.h"
+#include "push/bridge/camera_encoder.h"
 #include "support/reference_receiver.h"
 #include "support/test_support.h"
 
@@ -145,6 +147,10 @@ TEST(CastSoak, HundredCastsLeaveDescriptorsThreadsAndMemoryFlat)
             view.panel = false; // the panel takes itself off before it posts the disconnect
         }
         ASSERT_TRUE(waitUntil([&] { return !capture.isPutting() && capture.castQueueIdle(); }, 10s)) << "cycle " << i;
+        if (auto *enc = capture.cameraEncoder(); enc && enc->h264Encoder()) {
+            ASSERT_FALSE(enc->h264Encoder()->hasSession()) << "cycle " << i << ": the ended cast kept its compression session";
+        }
+        receiver.forgetEvents(); // only this process's memory is measured
         if (i + 1 == warmUp) {
             // Settled: queued releases on the main thread have run.
             velocast::test::spinFor(200ms);
@@ -165,9 +171,10 @@ TEST(CastSoak, HundredCastsLeaveDescriptorsThreadsAndMemoryFlat)
             if (baseFds.value(it.key()) != it.value()) grown << it.key() + " -> " + it.value();
         std::cout << "descriptors opened since the warm-up:\n  " << grown.join("\n  ").toStdString() << std::endl;
     }
-    EXPECT_EQ(end.threads, base.threads);
+    // Idle pool threads may end after the warm-up's reading, never more may run.
+    EXPECT_LE(end.threads, base.threads);
     EXPECT_LT(end.rssKb - base.rssKb, 8 * 1024) << "resident memory grew";
-    EXPECT_LT(end.heapKb - base.heapKb, 2 * 1024) << "heap in use grew";
+    EXPECT_LT(end.heapKb - base.heapKb, 1024) << "heap in use grew";
     EXPECT_EQ(receiver.count("media_connected"), cycles);
 }
 

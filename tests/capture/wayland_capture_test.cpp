@@ -336,7 +336,9 @@ TEST_F(WaylandDesktop, RefusedOrStoppedSharingEndsTheCastCleanly)
         EXPECT_EQ(cast.capture.listeningCount(), 0);
         ASSERT_EQ(cast.toasts.size(), 1);
         EXPECT_TRUE(cast.toasts.first().contains(c.toast)) << cast.toasts.first().toStdString();
-        if (c.stopFromDesktop) ASSERT_TRUE(cast.receiver.waitForEvent("media_closed"));
+        if (c.stopFromDesktop) {
+            ASSERT_TRUE(cast.receiver.waitForEvent("media_closed"));
+        }
         // A later cast works again.
         setControl("");
         cast.capture.startPut();

@@ -73,7 +73,9 @@ void ReferenceReceiver::readEvents()
         const QByteArray line = pending_.left(nl);
         pending_.remove(0, nl + 1);
         const QJsonDocument doc = QJsonDocument::fromJson(line);
-        if (doc.isObject()) events_.append(doc.object());
+        if (!doc.isObject()) continue;
+        events_.append(doc.object());
+        ++counts_[doc.object().value(QStringLiteral("event")).toString()];
     }
 }
 

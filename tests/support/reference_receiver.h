@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QHash>
 #include <QJsonObject>
 #include <QList>
 #include <QProcess>
@@ -35,7 +36,10 @@ public:
     bool waitForEvent(const QString &event, const std::function<bool(const QJsonObject &)> &pred = {},
         std::chrono::milliseconds timeout = std::chrono::seconds(10));
     QList<QJsonObject> events(const QString &event) const;
-    int count(const QString &event) const { return int(events(event).size()); }
+    // Counted since the start, forgotten events included.
+    int count(const QString &event) const { return counts_.value(event); }
+    // Lets go of the events read so far (a long run would keep them all); counts stay.
+    void forgetEvents() { events_.clear(); }
     // message_received events with that message id.
     QList<QJsonObject> received(const QString &id) const;
 
@@ -46,6 +50,7 @@ private:
     std::unique_ptr<QProcess> process_;
     QByteArray pending_;
     QList<QJsonObject> events_;
+    QHash<QString, int> counts_;
     QString error_;
     quint16 controlPort_ = 0;
     quint16 mediaPort_ = 0;

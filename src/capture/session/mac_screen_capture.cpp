@@ -286,7 +286,13 @@ void MacScreenCapture::stopPutFouction()
         // The next start builds a fresh capture and a fresh encoder bridge; this bridge is
         // stopped here and kept until then.
         releaseCaptureSession();
-        if (auto enc = encoder(); enc && enc->isRunning()) enc->stopCamera();
+        if (auto enc = encoder()) {
+            if (enc->isRunning()) enc->stopCamera();
+            // Our own rule: the kept bridge does not keep its compression session. A hardware
+            // session is a scarce device resource and a software one holds several pictures
+            // (some 16 MB at 1280x800); the first picture of a later start builds a new one.
+            if (auto *h264 = enc->h264Encoder()) h264->invalidate();
+        }
         // The desktop's sharing session belongs to the main thread; a cast asked for since
         // this stop has taken a new one, which stays.
         std::weak_ptr<MacScreenCapture *> weak = life_;
