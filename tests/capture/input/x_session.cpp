@@ -96,22 +96,13 @@ QStringList XButtonLog::take()
     return out;
 }
 
-QPoint XButtonLog::pointer()
+std::pair<QPoint, unsigned> XButtonLog::query()
 {
     Window root = 0, child = 0;
     int rx = 0, ry = 0, wx = 0, wy = 0;
     unsigned mask = 0;
     XQueryPointer(dpy_, DefaultRootWindow(dpy_), &root, &child, &rx, &ry, &wx, &wy, &mask);
-    return {rx, ry};
-}
-
-unsigned XButtonLog::buttonMask()
-{
-    Window root = 0, child = 0;
-    int rx = 0, ry = 0, wx = 0, wy = 0;
-    unsigned mask = 0;
-    XQueryPointer(dpy_, DefaultRootWindow(dpy_), &root, &child, &rx, &ry, &wx, &wy, &mask);
-    return mask & (Button1Mask | Button2Mask | Button3Mask | Button4Mask | Button5Mask);
+    return {{rx, ry}, mask & (Button1Mask | Button2Mask | Button3Mask | Button4Mask | Button5Mask)};
 }
 
 void drainMainThread()
@@ -127,26 +118,21 @@ void drainMainThread()
 ProbeWindow::ProbeWindow(const QString &display)
 {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("DISPLAY"), display);
-    env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
-    env.remove(QStringLiteral("WAYLAND_DISPLAY"));
+    env.insert(QStringLiteral("QT_QPA_PLATFORM"), display.isEmpty() ? QStringLiteral("wayland") : QStringLiteral("xcb"));
+    env.remove(display.isEmpty() ? QStringLiteral("DISPLAY") : QStringLiteral("WAYLAND_DISPLAY"));
+    if (!display.isEmpty()) env.insert(QStringLiteral("DISPLAY"), display);
     process_.setProcessEnvironment(env);
     process_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     QObject::connect(&process_, &QProcess::readyReadStandardOutput, [this] {
         pending_ += process_.readAllStandardOutput();
-        for (qsizetype nl; (nl = pending_.indexOf('\n')) >= 0;) {
-            lines_ << QString::fromUtf8(pending_.left(nl));
-            pending_.remove(0, nl + 1);
-        }
+        for (qsizetype nl; (nl = pending_.indexOf('\n')) >= 0; pending_.remove(0, nl + 1)) lines_ << QString::fromUtf8(pending_.left(nl));
     });
 }
 
 ProbeWindow::~ProbeWindow()
 {
-    if (process_.state() != QProcess::NotRunning) {
-        process_.kill();
-        process_.waitForFinished(5000);
-    }
+    process_.kill();
+    process_.waitForFinished(5000);
 }
 
 bool ProbeWindow::start()
