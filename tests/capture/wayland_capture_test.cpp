@@ -157,10 +157,7 @@ struct Cast {
     {
         if (!receiver.start()) return;
         control.setControlPort(receiver.controlPort());
-        control.connect("127.0.0.1", [this](bool ok) {
-            connected = ok;
-            done = true;
-        });
+        control.connect("127.0.0.1", [this](bool ok) { connected = ok, done = true; });
         waitUntil([this] { return done; }, 10s);
         capture.setIpStr("127.0.0.1");
         capture.setVPort(receiver.mediaPort());
