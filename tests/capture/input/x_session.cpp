@@ -16,11 +16,9 @@ namespace velocast::test {
 
 PrivateXServer::~PrivateXServer()
 {
-    if (process_ && process_->state() != QProcess::NotRunning) {
-        process_->terminate();
-        if (!process_->waitForFinished(5000)) process_->kill();
-        process_->waitForFinished(5000);
-    }
+    if (!process_) return;
+    process_->terminate();
+    process_->waitForFinished(5000); // the QProcess kills it if it is still there
 }
 
 bool PrivateXServer::start(QSize screen)
@@ -40,17 +38,16 @@ bool PrivateXServer::start(QSize screen)
                     {QStringLiteral("-c"), QStringLiteral("exec \"$0\" -displayfd 3 -screen 0 %1x%2x24 -nolisten tcp 3>\"$1\"")
                                                .arg(screen.width()).arg(screen.height()),
                      xvfb, displayFile});
-    const bool up = waitUntil([&] {
+    waitUntil([&] {
         QFile f(displayFile);
-        return f.open(QIODevice::ReadOnly) && f.readAll().trimmed().size() > 0;
+        display_ = f.open(QIODevice::ReadOnly) ? QString::fromLatin1(f.readAll().trimmed()) : QString();
+        return !display_.isEmpty();
     }, 20s);
-    if (!up) {
+    if (display_.isEmpty()) {
         error_ = QStringLiteral("Xvfb did not come up");
         return false;
     }
-    QFile f(displayFile);
-    f.open(QIODevice::ReadOnly);
-    display_ = QStringLiteral(":") + QString::fromLatin1(f.readAll().trimmed());
+    display_.prepend(QLatin1Char(':'));
     return true;
 }
 
