@@ -301,7 +301,8 @@ TEST_F(WaylandDesktop, ReceiverPointerReachesAWindowThroughThePortal)
     ASSERT_TRUE(cast.connected) << cast.receiver.error().toStdString();
     cast.capture.startPut();
     ASSERT_TRUE(waitUntil([&] { return cast.capture.isPutting(); }, 20s));
-    EXPECT_TRUE(waitUntil([&] { return log.lines().contains("remote input with the portal backend"); })) << log.lines().join('\n').toStdString();
+    EXPECT_TRUE(waitUntil([&] { return log.lines().contains("remote input with the portal backend"); }))
+        << log.lines().join('\n').toStdString();
     ASSERT_TRUE(warmUp(probe, [&](int i) { cast.receiver.command(QStringLiteral("click %1 790").arg(1270 - i)); })) << probe.log().toStdString();
 
     const struct {
@@ -318,7 +319,8 @@ TEST_F(WaylandDesktop, ReceiverPointerReachesAWindowThroughThePortal)
     };
     for (const auto &step : steps) {
         for (const QString &c : step.commands) cast.receiver.command(c);
-        for (const QString &line : step.lines) EXPECT_TRUE(probe.waitForLine(line)) << line.toStdString() << "\n" << probe.log().toStdString();
+        for (const QString &line : step.lines)
+            EXPECT_TRUE(probe.waitForLine(line)) << line.toStdString() << "\n" << probe.log().toStdString();
     }
     EXPECT_FALSE(portalCalls("RemoteDesktop.NotifyPointerButton").isEmpty());
     // Text goes as keysyms into the focused line edit. This compositor may lose the first
@@ -372,7 +374,8 @@ protected:
             return !socket_.isEmpty() || sway_->state() == QProcess::NotRunning;
         }, 15s);
         QFile log(dir_ + "/sway.log");
-        if (socket_.isEmpty() && log.open(QIODevice::ReadOnly)) skipWhy_ = "sway did not start: " + QString::fromUtf8(log.readAll().right(300));
+        if (socket_.isEmpty() && log.open(QIODevice::ReadOnly))
+            skipWhy_ = "sway did not start: " + QString::fromUtf8(log.readAll().right(300));
     }
     static void TearDownTestSuite()
     {
@@ -430,7 +433,8 @@ TEST_F(WlrootsDesktop, VirtualPointerMovesClicksAndScrollsOverTheOutput)
     };
     for (const auto &step : steps) {
         step.act(*pointer);
-        for (const QString &line : step.lines) EXPECT_TRUE(probe.waitForLine(line)) << line.toStdString() << "\n" << probe.log().toStdString();
+        for (const QString &line : step.lines)
+            EXPECT_TRUE(probe.waitForLine(line)) << line.toStdString() << "\n" << probe.log().toStdString();
     }
 }
 
