@@ -1,17 +1,9 @@
-// The live encoder bridge: its states and flags against the push API, the audio time
-// split, and one cast end to end: pictures and PCM -> CameraEncoder -> push API -> the
-// reference receiver over loopback -> files that ffprobe decodes.
+// The live encoder bridge: its states and flags against the push API, and the audio time
+// split. Casts through it to the reference receiver are in the capture session's tests.
 #include "push/bridge/camera_encoder.h"
 #include "media_test_support.h"
-#include "support/test_support.h"
-
-#include <QDir>
-#include <QFile>
-#include <QJsonDocument>
-#include <QProcess>
 
 #include <gtest/gtest.h>
-
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -42,28 +34,6 @@ uint16_t closedPort()
     ::close(fd);
     return port;
 }
-
-// The receiver's JSON-lines event log, read again on every question.
-struct EventLog {
-    QString path;
-    QList<QJsonObject> all(const QString &event) const
-    {
-        QFile f(path);
-        QList<QJsonObject> found;
-        if (!f.open(QIODevice::ReadOnly)) return found;
-        for (const QByteArray &line : f.readAll().split('\n')) {
-            const QJsonObject o = QJsonDocument::fromJson(line).object(); // a partial last line parses as empty
-            if (o.value("event").toString() == event) found << o;
-        }
-        return found;
-    }
-    int count(const QString &event) const { return int(all(event).size()); }
-    QJsonObject last(const QString &event) const
-    {
-        const auto found = all(event);
-        return found.isEmpty() ? QJsonObject() : found.last();
-    }
-};
 
 } // namespace
 
@@ -138,72 +108,3 @@ TEST(CameraEncoder, StatesAndFlagsFollowStartStopAndBackground)
     EXPECT_EQ(log.lines().count("-[CameraEncoder destroyEv]"), 2) << "once by hand, once by the destructor";
     EXPECT_EQ(log.lines().count("-[CameraEncoder stopCamera]"), 2);
 }
-
-#ifdef VELOCAST_RECEIVER_BINARY
-TEST(CameraEncoder, CastReachesTheReferenceReceiverAndDecodes)
-{
-    if (!haveFfprobe()) GTEST_SKIP() << "ffprobe (Debian package ffmpeg) is not installed";
-    const QString dir = freshTempDir();
-    const QString logPath = QDir(dir).filePath("events.jsonl");
-    const QString outDir = QDir(dir).filePath("out");
-    QProcess receiver;
-    receiver.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    receiver.start(VELOCAST_RECEIVER_BINARY, {"--bind", "127.0.0.1", "--control-port", "0", "--media-port", "0", "--address", "127.0.0.1",
-                                              "--event-log", logPath, "--output-dir", outDir, "--log-frames", "--quiet", "--headless"});
-    ASSERT_TRUE(receiver.waitForStarted());
-    const EventLog events{logPath};
-    ASSERT_TRUE(waitUntil([&] { return events.count("listening") == 1; }, std::chrono::seconds(10)));
-    const int mediaPort = events.last("listening").value("media_port").toInt();
-    ASSERT_GT(mediaPort, 0);
-
-    StateRecorder states;
-    CameraEncoder camera;
-    camera.setStateBlock([&](int32_t s) { states.add(s); });
-    camera.changeOutputSize({320, 240});
-    camera.changeBitrate(1000000);
-    camera.startLiving("127.0.0.1", mediaPort, mediaPort);
-    ASSERT_TRUE(waitUntil([&] { return events.count("media_connected") >= 1; }));
-
-    // Two seconds: 60 pictures and 1470 PCM samples (1/30 s) with each. Each picture waits
-    // for the previous one to arrive, so no queue on the way drops one.
-    constexpr int kFrames = 60;
-    constexpr int kPcmPerFrame = 44100 / 30;
-    for (int i = 0; i < kFrames; ++i) {
-        EXPECT_TRUE(camera.pushBuffer(makeNv12(640, 480, i)));
-        camera.pushAudioBuffer(makePcm(44100, kPcmPerFrame, int64_t(i) * kPcmPerFrame));
-        ASSERT_TRUE(waitUntil([&] { return events.count("video_frame") == i + 1; })) << "picture " << i;
-    }
-    // 88200 samples make 86 access units; the encoder may hold back the last one or two.
-    ASSERT_TRUE(waitUntil([&] { return events.count("audio_frame") >= 84; })) << events.count("audio_frame") << " audio frames";
-    camera.stopCamera();
-    EXPECT_EQ(states.items(), (std::vector<int32_t>{CameraEncoder::kStateLiving, CameraEncoder::kStateStopped}));
-    ASSERT_TRUE(waitUntil([&] { return events.count("media_closed") >= 1; }));
-
-    receiver.write("quit\n");
-    ASSERT_TRUE(receiver.waitForFinished(10000));
-    const QJsonObject report = events.last("media_report");
-    EXPECT_EQ(report.value("violation_count").toInt(), 0) << QJsonDocument(report).toJson().constData();
-    const QJsonObject video = report.value("video").toArray().first().toObject();
-    EXPECT_EQ(video.value("frames").toInt(), kFrames);
-    EXPECT_EQ(video.value("key_frames").toInt(), 2) << "a key frame every 30 frames";
-    EXPECT_EQ(video.value("width").toInt(), 320);
-    EXPECT_EQ(video.value("height").toInt(), 240);
-    // One more access unit may still have been on its way when the count above was reached.
-    const int audioFrames = report.value("audio").toObject().value("frames").toInt();
-    EXPECT_GE(audioFrames, 84);
-    EXPECT_LE(audioFrames, 86);
-    EXPECT_EQ(audioFrames, events.count("audio_frame"));
-
-    const QJsonObject vs = ffprobeStream(QDir(outDir).filePath("video.h264"), "codec_name,profile,width,height,nb_read_frames");
-    EXPECT_EQ(vs.value("codec_name").toString(), "h264") << QJsonDocument(vs).toJson().constData();
-    EXPECT_EQ(vs.value("profile").toString(), "Constrained Baseline");
-    EXPECT_EQ(vs.value("width").toInt(), 320);
-    EXPECT_EQ(vs.value("nb_read_frames").toString(), QString::number(kFrames));
-    const QJsonObject as = ffprobeStream(QDir(outDir).filePath("audio.aac"), "codec_name,profile,sample_rate,channels,nb_read_frames");
-    EXPECT_EQ(as.value("codec_name").toString(), "aac") << QJsonDocument(as).toJson().constData();
-    EXPECT_EQ(as.value("profile").toString(), "LC");
-    EXPECT_EQ(as.value("sample_rate").toString(), "44100");
-    EXPECT_EQ(as.value("channels").toInt(), 2);
-    EXPECT_EQ(as.value("nb_read_frames").toString(), QString::number(audioFrames));
-}
-#endif

@@ -1,11 +1,10 @@
 // The H.264 decoder: the encoder's own output decoded back to pictures, and its parsing
-// rules on crafted frames (run under ASan: no hostile frame may read out of bounds).
+// rules on crafted frames (run under ASan: no hostile frame may read out of bounds; the
+// frame scan's fuzz target tries the rest).
 #include "push/bridge/h264_hw_decoder.h"
 #include "media_test_support.h"
 
 #include <gtest/gtest.h>
-
-#include <random>
 
 using namespace velocast::capture;
 using namespace velocast::test;
@@ -83,7 +82,7 @@ TEST(H264HWDecoder, DecodesTheEncodersOwnOutput)
     }
 }
 
-TEST(H264HWDecoder, FollowsItsParsingRules)
+TEST(H264HWDecoder, FollowsItsParsingRulesAndRefusesShortFrames)
 {
     const auto packets = encodeClip(2, 160, 120);
     ASSERT_EQ(packets.size(), 2u);
@@ -138,19 +137,11 @@ TEST(H264HWDecoder, FollowsItsParsingRules)
     ASSERT_EQ(sample.size(), 1000u);
     EXPECT_EQ(Bytes(sample.begin(), sample.begin() + 5), (Bytes{0x00, 0x00, 0x03, 0xE4, 0x41}));
     EXPECT_TRUE(std::equal(sample.begin() + 4, sample.end(), slice.begin() + 4));
-}
 
-TEST(H264HWDecoder, RefusesFramesTooShortForTheirHeaders)
-{
-    const auto packets = encodeClip(1, 160, 120);
-    ASSERT_EQ(packets.size(), 1u);
-    H264HWDecoder decoder;
+    // Frames too short for their headers, each ending where the parser would otherwise read on.
     feed(decoder, packets[0].bytes);
-    ASSERT_TRUE(decoder.hasFormatDesc());
     const Bytes sps = decoder.formatSps();
-
     LogRecorder log;
-    // Each of these ends where the parser would otherwise read on.
     const Bytes cases[] = {
         {},
         {0x00, 0x00, 0x00, 0x01},
@@ -164,18 +155,4 @@ TEST(H264HWDecoder, RefusesFramesTooShortForTheirHeaders)
     };
     for (const Bytes &frame : cases) feed(decoder, frame);
     EXPECT_FALSE(log.lines().filter("dropped").isEmpty());
-
-    // Random frames: no crash, no read past the end (ASan).
-    std::mt19937 rng(7);
-    for (int i = 0; i < 2000; ++i) {
-        Bytes frame = kStartCode;
-        frame.push_back(uint8_t(std::uniform_int_distribution<int>(0, 2)(rng) == 0 ? 0x67 : rng()));
-        const size_t n = rng() % 64;
-        for (size_t k = 0; k < n; ++k) frame.push_back(rng() % 3 == 0 ? 0 : uint8_t(rng()));
-        if (n > 8 && rng() % 2) {
-            const size_t at = rng() % (n - 4) + 5;
-            frame[at] = 0, frame[at + 1] = 0, frame[at + 2] = 0, frame[at + 3] = 1; // a start code somewhere
-        }
-        feed(decoder, frame);
-    }
 }

@@ -2,7 +2,6 @@
 // profile, GOP, parameter sets on key frames, frame count, size changes, live rate changes
 // and the per-second byte cap. Hardware encoders cannot run here; their test skips.
 #include "capture/h264_hw_encoder.h"
-#include "common/log.h"
 #include "media_test_support.h"
 #include "support/test_support.h"
 
@@ -11,7 +10,6 @@
 #include <QStringList>
 
 #include <gtest/gtest.h>
-
 
 using namespace velocast::capture;
 using namespace velocast::test;
@@ -26,21 +24,15 @@ std::vector<size_t> checkAnnexBStructure(const std::vector<EncodedPacket> &packe
     std::vector<size_t> keys;
     for (size_t i = 0; i < packets.size(); ++i) {
         const auto units = splitAnnexB(packets[i].bytes);
-        EXPECT_FALSE(units.empty()) << "packet " << i;
-        if (units.empty()) continue;
-        EXPECT_EQ(packets[i].bytes[3], 0x01) << "packet " << i << " starts with a four-byte start code";
-        std::vector<int> types;
-        for (const auto &u : units) types.push_back(u.type);
-        if (packets[i].key) {
-            keys.push_back(i);
-            EXPECT_GE(types.size(), 3u) << "packet " << i;
-            if (types.size() < 3) continue;
-            EXPECT_EQ(types[0], 7) << "SPS first in key packet " << i;
-            EXPECT_EQ(types[1], 8) << "PPS second in key packet " << i;
-            for (size_t k = 2; k < types.size(); ++k) EXPECT_EQ(types[k], 5) << "IDR slices in key packet " << i;
-        } else {
-            for (int t : types) EXPECT_EQ(t, 1) << "only non-IDR slices in packet " << i;
+        // splitAnnexB skips bytes before the first four-byte start code: there must be none.
+        EXPECT_TRUE(!units.empty() && units[0].offset == 4) << "packet " << i << " starts with a four-byte start code";
+        if (packets[i].key) keys.push_back(i);
+        for (size_t k = 0; k < units.size(); ++k) {
+            // Key packets: SPS, PPS, then IDR slices; the others only non-IDR slices.
+            const int want = !packets[i].key ? 1 : k == 0 ? 7 : k == 1 ? 8 : 5;
+            EXPECT_EQ(units[k].type, want) << "unit " << k << " of " << (packets[i].key ? "key " : "") << "packet " << i;
         }
+        EXPECT_TRUE(!packets[i].key || units.size() >= 3) << "key packet " << i << " without SPS, PPS and a slice";
     }
     return keys;
 }
@@ -63,13 +55,9 @@ TEST(H264HWEncoder, SoftwareFallbackMakesConstrainedBaselineWithShortGops)
     // No device here, so the chain falls through to the first software encoder.
     EXPECT_EQ(encoder.chosenEncoderName(), "x264enc");
     EXPECT_FALSE(encoder.chosenEncoderIsHardware());
-    const QStringList lines = log.lines();
-    EXPECT_TRUE(lines.contains("VTencode session null"));
-    EXPECT_TRUE(lines.contains("Init VTencode session"));
-    EXPECT_TRUE(lines.contains("set bitrate   return: 0"));
-    EXPECT_TRUE(lines.contains("setframeStatus:0"));
-    EXPECT_TRUE(lines.contains("start encode  return: 0"));
-    EXPECT_TRUE(lines.contains("H.264 encoder: x264enc (software), 320x240")) << lines.join('\n').toStdString();
+    for (const char *line : {"VTencode session null", "Init VTencode session", "set bitrate   return: 0", "setframeStatus:0",
+                             "start encode  return: 0", "H.264 encoder: x264enc (software), 320x240"})
+        EXPECT_TRUE(log.lines().contains(line)) << line << "\n" << log.lines().join('\n').toStdString();
 
     const auto packets = out.items();
     ASSERT_EQ(packets.size(), size_t(kFrames));
@@ -82,7 +70,7 @@ TEST(H264HWEncoder, SoftwareFallbackMakesConstrainedBaselineWithShortGops)
     EXPECT_LE(kFrames - keys.back(), 30u);
 
     const QString file = tempFile("video.h264");
-    ASSERT_TRUE(writeFile(file, joinPackets(packets)));
+    ASSERT_TRUE(writePackets(file, packets));
     const QJsonObject s = ffprobeStream(file, "codec_name,profile,width,height,has_b_frames,nb_read_frames");
     EXPECT_EQ(s.value("profile").toString(), "Constrained Baseline") << QJsonDocument(s).toJson().constData();
     EXPECT_EQ(s.value("width").toInt(), 320);
@@ -119,7 +107,7 @@ TEST(H264HWEncoder, DefaultSizeIsPortraitAndASizeChangeStartsANewStreamWithAKeyF
     checkAnnexBStructure(packets);
 
     const QString file = tempFile("resized.h264");
-    ASSERT_TRUE(writeFile(file, joinPackets(packets)));
+    ASSERT_TRUE(writePackets(file, packets));
     const QJsonArray frames = ffprobeFrames(file, "width,height,key_frame");
     ASSERT_EQ(frames.size(), 10);
     for (int i = 0; i < 10; ++i) {
@@ -195,7 +183,7 @@ TEST(H264HWEncoder, LastFallbackRebuildsItsSessionForARateChange)
     EXPECT_TRUE(packets[10].key) << "the rebuilt session starts with a key frame";
     checkAnnexBStructure(packets);
     const QString file = tempFile("openh264.h264");
-    ASSERT_TRUE(writeFile(file, joinPackets(packets)));
+    ASSERT_TRUE(writePackets(file, packets));
     const QJsonObject s = ffprobeStream(file, "profile,has_b_frames,nb_read_frames");
     EXPECT_EQ(s.value("profile").toString(), "Constrained Baseline") << QJsonDocument(s).toJson().constData();
     EXPECT_EQ(s.value("nb_read_frames").toString(), "20");

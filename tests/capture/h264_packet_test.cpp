@@ -21,42 +21,12 @@ const Bytes kPps{0x68, 0xCE, 0x3C, 0x80};       // NAL 8
 
 } // namespace
 
-TEST(H264Packet, NonKeySampleBecomesStartCodePrefixedUnits)
-{
-    const Bytes avcc{
-        0x00, 0x00, 0x00, 0x05, 0x41, 0x01, 0x02, 0x03, 0x04,             // length 5, non-IDR slice
-        0x00, 0x00, 0x00, 0x07, 0x41, 0x11, 0x12, 0x13, 0x14, 0x15, 0x16, // length 7
-    };
-    ASSERT_EQ(avcc.size(), 20u);
-    const H264Packet p(avccSample(avcc, false, {kSps, kPps}));
-    EXPECT_FALSE(p.keyFrame());
-    EXPECT_EQ(p.packet(), (Bytes{
-                              0x00, 0x00, 0x00, 0x01, 0x41, 0x01, 0x02, 0x03, 0x04,
-                              0x00, 0x00, 0x00, 0x01, 0x41, 0x11, 0x12, 0x13, 0x14, 0x15, 0x16,
-                          })) << "non-key frames carry no parameter sets";
-}
-
-TEST(H264Packet, KeySampleCarriesSpsAndPpsInFront)
-{
-    const Bytes avcc{0x00, 0x00, 0x00, 0x03, 0x65, 0x88, 0x84}; // IDR slice
-    const H264Packet p(avccSample(avcc, true, {kSps, kPps}));
-    EXPECT_TRUE(p.keyFrame());
-    EXPECT_EQ(p.packet(), (Bytes{
-                              0x00, 0x00, 0x00, 0x01, 0x67, 0x42, 0xC0, 0x1E, 0xAB, // start code, SPS as stored
-                              0x00, 0x00, 0x00, 0x01, 0x68, 0xCE, 0x3C, 0x80,       // start code, PPS
-                              0x00, 0x00, 0x00, 0x01, 0x65, 0x88, 0x84,             // start code, slice
-                          }));
-
-    // Without both parameter sets a key frame goes out with neither, still marked key.
-    const H264Packet noPps(avccSample(avcc, true, {kSps}));
-    EXPECT_TRUE(noPps.keyFrame());
-    EXPECT_EQ(noPps.packet(), (Bytes{0x00, 0x00, 0x00, 0x01, 0x65, 0x88, 0x84}));
-}
-
-// Byte-stream encoders repeat SPS and PPS inside key frames and may add access unit
-// delimiters; with the parameter sets beside the sample those copies are left out, wherever
-// they sit, and without them (unusable codec data) they are what the receiver gets.
-TEST(H264Packet, InBandHeadersGoOnlyWhenTheParameterSetsTravelBeside)
+// Key frames carry SPS and PPS in front, as start-code-prefixed units like the rest; only with
+// both sets beside the sample. Byte-stream encoders repeat SPS and PPS inside key frames and
+// may add access unit delimiters; with the parameter sets beside the sample those copies are
+// left out, wherever they sit, and without them (unusable codec data) they are what the
+// receiver gets.
+TEST(H264Packet, AvccSamplesBecomeAnnexBWithTheParameterSetsInFrontOfKeyFrames)
 {
     const Bytes aud{0x00, 0x00, 0x00, 0x02, 0x09, 0xF0};
     const Bytes sps{0x00, 0x00, 0x00, 0x02, 0x67, 0x42};
@@ -64,6 +34,8 @@ TEST(H264Packet, InBandHeadersGoOnlyWhenTheParameterSetsTravelBeside)
     const Bytes sei{0x00, 0x00, 0x00, 0x02, 0x06, 0x05};
     const Bytes idr{0x00, 0x00, 0x00, 0x03, 0x65, 0x88, 0x84};
     const Bytes idr2{0x00, 0x00, 0x00, 0x02, 0x65, 0x99};
+    const Bytes slice{0x00, 0x00, 0x00, 0x05, 0x41, 0x01, 0x02, 0x03, 0x04};
+    const Bytes slice2{0x00, 0x00, 0x00, 0x07, 0x41, 0x11, 0x12, 0x13, 0x14, 0x15, 0x16};
     auto join = [](std::initializer_list<Bytes> parts) {
         Bytes out;
         for (const Bytes &p : parts) out.insert(out.end(), p.begin(), p.end());
@@ -77,23 +49,29 @@ TEST(H264Packet, InBandHeadersGoOnlyWhenTheParameterSetsTravelBeside)
         }
         return avcc;
     };
-    const Bytes front = annexB(join({{0, 0, 0, 5}, kSps, {0, 0, 0, 4}, kPps}));
+    const Bytes front{0x00, 0x00, 0x00, 0x01, 0x67, 0x42, 0xC0, 0x1E, 0xAB, 0x00, 0x00, 0x00, 0x01, 0x68, 0xCE, 0x3C, 0x80};
+    const std::vector<ByteVector> both{kSps, kPps};
     struct Case {
         const char *name;
         Bytes avcc;
-        bool withSets;
-        Bytes body; // what follows the parameter sets in front
+        bool key;
+        std::vector<ByteVector> sets;
+        Bytes expected;
     };
     const Case cases[] = {
-        {"headers first", join({aud, sps, pps, idr}), true, annexB(idr)},
-        {"headers between units", join({sei, sps, idr, pps, idr2}), true, annexB(join({sei, idr, idr2}))},
-        {"headers last", join({idr, aud}), true, annexB(idr)},
-        {"nothing else", join({sps, pps}), true, {}},
-        {"no sets beside: all kept", join({aud, sps, pps, idr}), false, annexB(join({aud, sps, pps, idr}))},
+        {"non-key frames carry no parameter sets", join({slice, slice2}), false, both, annexB(join({slice, slice2}))},
+        {"key frame", idr, true, both, join({front, annexB(idr)})},
+        {"key frame without a PPS: neither set", idr, true, {kSps}, annexB(idr)},
+        {"headers first", join({aud, sps, pps, idr}), true, both, join({front, annexB(idr)})},
+        {"headers between units", join({sei, sps, idr, pps, idr2}), true, both, join({front, annexB(join({sei, idr, idr2}))})},
+        {"headers last", join({idr, aud}), true, both, join({front, annexB(idr)})},
+        {"nothing else", join({sps, pps}), true, both, front},
+        {"no sets beside: all kept", join({aud, sps, pps, idr}), true, {}, annexB(join({aud, sps, pps, idr}))},
     };
     for (const Case &c : cases) {
-        const H264Packet p(avccSample(c.avcc, true, c.withSets ? std::vector<ByteVector>{kSps, kPps} : std::vector<ByteVector>{}));
-        EXPECT_EQ(p.packet(), c.withSets ? join({front, c.body}) : c.body) << c.name;
+        const H264Packet p(avccSample(c.avcc, c.key, c.sets));
+        EXPECT_EQ(p.keyFrame(), c.key) << c.name;
+        EXPECT_EQ(p.packet(), c.expected) << c.name;
     }
 }
 

@@ -5,7 +5,6 @@
 #include <QProcess>
 #include <QStandardPaths>
 
-#include <cmath>
 #include <random>
 
 namespace velocast::test {
@@ -24,24 +23,6 @@ MediaSample makeNv12(int width, int height, int index, bool noisy)
         bytes[i] = uint8_t(128 + ((i + size_t(index)) % 32) + (noisy ? (rng() & 0x0F) : 0));
     return MediaSample::rawVideo(capture::bufferFromBytes(bytes), "NV12", width, height,
                                  MediaTime::make(int64_t(index) * 1000, 30000)); // 30 fps in a 30 kHz time base
-}
-
-MediaSample makePcm(int rate, int frames, int64_t firstSample)
-{
-    std::vector<int16_t> pcm(size_t(frames) * 2);
-    for (int i = 0; i < frames; ++i) {
-        const double t = double(firstSample + i) / rate;
-        const auto v = int16_t(8000 * std::sin(2 * M_PI * 440 * t));
-        pcm[size_t(i) * 2] = v;
-        pcm[size_t(i) * 2 + 1] = v;
-    }
-    const auto *bytes = reinterpret_cast<const uint8_t *>(pcm.data());
-    return MediaSample::rawAudio(capture::bufferFromBytes({bytes, pcm.size() * 2}), "S16LE", rate, 2, MediaTime::make(firstSample, rate));
-}
-
-MediaSample makeAac(std::vector<uint8_t> payload, MediaTime pts)
-{
-    return MediaSample::aac(capture::bufferFromBytes(payload), pts);
 }
 
 std::vector<NalUnit> splitAnnexB(std::span<const uint8_t> b)
@@ -84,18 +65,13 @@ QStringList LogRecorder::lines() const
     return lines_;
 }
 
-bool writeFile(const QString &path, std::span<const uint8_t> bytes)
+bool writePackets(const QString &path, const std::vector<EncodedPacket> &packets)
 {
     QFile f(path);
     if (!f.open(QIODevice::WriteOnly)) return false;
-    return f.write(reinterpret_cast<const char *>(bytes.data()), qint64(bytes.size())) == qint64(bytes.size());
-}
-
-std::vector<uint8_t> joinPackets(const std::vector<EncodedPacket> &packets)
-{
-    std::vector<uint8_t> all;
-    for (const auto &p : packets) all.insert(all.end(), p.bytes.begin(), p.bytes.end());
-    return all;
+    for (const auto &p : packets)
+        if (f.write(reinterpret_cast<const char *>(p.bytes.data()), qint64(p.bytes.size())) != qint64(p.bytes.size())) return false;
+    return true;
 }
 
 bool haveFfprobe() { return !QStandardPaths::findExecutable("ffprobe").isEmpty(); }

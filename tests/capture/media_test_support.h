@@ -1,9 +1,11 @@
-// Helpers shared by the media tests: synthetic pictures and PCM, an Annex-B splitter, a
-// collecting encoder delegate, and ffprobe as an independent decoder.
+// Helpers shared by the media tests: synthetic pictures, an Annex-B splitter, a collecting
+// encoder delegate, a log recorder, and ffprobe as an independent decoder.
 #pragma once
 
 #include "capture/h264_hw_encoder.h"
 #include "capture/media_sample.h"
+
+#include "common/log.h"
 
 #include <QJsonArray>
 #include <QJsonObject>
@@ -11,9 +13,6 @@
 #include <QStringList>
 
 #include <chrono>
-
-#include "common/log.h"
-
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -25,9 +24,6 @@ namespace velocast::test {
 // An NV12 picture: a gradient that moves with index, plus per-pixel noise when noisy (which
 // makes every frame expensive to code, so that the rate control is what limits the size).
 capture::MediaSample makeNv12(int width, int height, int index, bool noisy = false);
-// Interleaved S16LE stereo: a sine, continuing from sample number firstSample.
-capture::MediaSample makePcm(int rate, int frames, int64_t firstSample);
-capture::MediaSample makeAac(std::vector<uint8_t> payload, capture::MediaTime pts);
 
 struct NalUnit {
     int type = 0;
@@ -106,8 +102,8 @@ private:
     LogTap previous_;
 };
 
-bool writeFile(const QString &path, std::span<const uint8_t> bytes);
-std::vector<uint8_t> joinPackets(const std::vector<EncodedPacket> &packets);
+// Writes the packets one after the other.
+bool writePackets(const QString &path, const std::vector<EncodedPacket> &packets);
 
 bool haveFfprobe();
 // The first stream's entries, or {"error": text}.

@@ -4,28 +4,19 @@
 
 #include <QProcess>
 
-#include <cstdlib>
-
 namespace velocast::test {
 
 namespace {
 QString script() { return QStringLiteral(VELOCAST_SOURCE_DIR "/scripts/sound-server.sh"); }
 } // namespace
 
-SoundServer::SoundServer(QString kind) : kind_(std::move(kind))
-{
-    const char *pulse = std::getenv("PULSE_SERVER");
-    hadPulseServer_ = pulse != nullptr;
-    if (pulse) savedPulseServer_ = pulse;
-}
-
 SoundServer::~SoundServer()
 {
     stop();
-    if (hadPulseServer_)
-        setenv("PULSE_SERVER", savedPulseServer_.constData(), 1);
+    if (savedPulseServer_.isNull())
+        qunsetenv("PULSE_SERVER");
     else
-        unsetenv("PULSE_SERVER");
+        qputenv("PULSE_SERVER", savedPulseServer_);
 }
 
 bool SoundServer::start()
@@ -38,9 +29,8 @@ bool SoundServer::start()
         stop();
         return false;
     }
-    running_ = true;
     const QString socket = kind_ == QLatin1String("pipewire") ? dir_ + "/run/pulse/native" : dir_ + "/run/pulse-native";
-    setenv("PULSE_SERVER", ("unix:" + socket).toLocal8Bit().constData(), 1);
+    qputenv("PULSE_SERVER", ("unix:" + socket).toLocal8Bit());
     return true;
 }
 
@@ -50,7 +40,6 @@ void SoundServer::stop()
     QProcess p;
     p.start(QStringLiteral("bash"), {script(), QStringLiteral("stop"), dir_});
     p.waitForFinished(30000);
-    running_ = false;
 }
 
 QString SoundServer::pactl(const QStringList &arguments) const

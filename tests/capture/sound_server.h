@@ -2,15 +2,18 @@
 // WirePlumber and pipewire-pulse. While it runs, PULSE_SERVER points this process at it.
 #pragma once
 
+#include <QByteArray>
 #include <QString>
 #include <QStringList>
+
+#include <utility>
 
 namespace velocast::test {
 
 class SoundServer {
 public:
     // "pulse" or "pipewire".
-    explicit SoundServer(QString kind);
+    explicit SoundServer(QString kind) : kind_(std::move(kind)) { }
     ~SoundServer();
     SoundServer(const SoundServer &) = delete;
     SoundServer &operator=(const SoundServer &) = delete;
@@ -18,7 +21,6 @@ public:
     bool start();
     void stop();
     QString error() const { return error_; }
-    QString kind() const { return kind_; }
 
     // Runs pactl against the server; its standard output, trimmed.
     QString pactl(const QStringList &arguments) const;
@@ -28,9 +30,7 @@ public:
 private:
     QString kind_;
     QString dir_;
-    QByteArray savedPulseServer_;
-    bool hadPulseServer_ = false;
-    bool running_ = false;
+    QByteArray savedPulseServer_ = qgetenv("PULSE_SERVER"); // null when it was not set
     QString error_;
 };
 

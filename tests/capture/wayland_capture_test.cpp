@@ -12,7 +12,6 @@
 #include "capture/session/linux/portal_input_injector.h"
 #include "capture/session/mac_screen_capture.h"
 
-#include "common/log.h"
 #include "common/notification_center.h"
 #include "common/notification_names.h"
 #include "common/preferences.h"
@@ -20,6 +19,7 @@
 #include "media_test_support.h"
 #include "support/reference_receiver.h"
 #include "support/test_support.h"
+#include "x_session.h"
 
 #include <QDBusConnection>
 #include <QDBusMessage>
@@ -33,11 +33,11 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <functional>
-#include <mutex>
+#include <optional>
 
 using namespace velocast;
+using velocast::test::LogRecorder;
 using velocast::test::ReferenceReceiver;
 using velocast::test::waitUntil;
 using namespace std::chrono_literals;
@@ -64,80 +64,20 @@ TEST(SessionKind, ChosenFromTheSessionTypeThenTheWaylandDisplay)
         EXPECT_EQ(capture::sessionKind(c.type, c.wayland), c.kind) << "'" << c.type << "' '" << c.wayland << "'";
 }
 
-// The input probe (a Qt window over the whole output, one line per event it receives) as
-// a client of the Wayland compositor named by the environment.
-class WaylandProbe {
-public:
-    WaylandProbe()
-    {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("QT_QPA_PLATFORM", "wayland");
-        env.remove("DISPLAY");
-        process_.setProcessEnvironment(env);
-        process_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        QObject::connect(&process_, &QProcess::readyReadStandardOutput, [this] {
-            pending_ += process_.readAllStandardOutput();
-            for (qsizetype nl; (nl = pending_.indexOf('\n')) >= 0; pending_.remove(0, nl + 1)) lines_ << QString::fromUtf8(pending_.left(nl));
-        });
-    }
-    ~WaylandProbe()
-    {
-        process_.kill();
-        process_.waitForFinished(5000);
-    }
-    bool start()
-    {
-        process_.start(VELOCAST_INPUT_PROBE, {});
-        return has("ready");
-    }
-    bool has(const QString &line) { return waitUntil([&] { return lines_.contains(line); }, 10s); }
-    // Pointer events reach a client only once its pointer has entered the window: repeats
-    // a click in a corner until the window reports one.
-    bool warmUp(const std::function<void(int)> &click)
-    {
-        // The first events of a new input device can take seconds on a loaded machine: the
-        // next click goes out only when the last one is given up, never while it may still come.
-        for (int i = 0; i < 3; ++i) {
-            click(i);
-            if (waitUntil([&] { return lines_.join('\n').contains("release 1"); }, 8s)) {
-                lines_.clear();
-                return true;
-            }
+// Pointer events reach a client only once its pointer has entered the window: repeats a
+// click in a corner until the window reports one. The first events of a new input device can
+// take seconds on a loaded machine: the next click goes out only when the last one is given up.
+bool warmUp(test::ProbeWindow &probe, const std::function<void(int)> &click)
+{
+    for (int i = 0; i < 3; ++i) {
+        click(i);
+        if (waitUntil([&] { return probe.log().contains("release 1"); }, 8s)) {
+            probe.clear();
+            return true;
         }
-        return false;
     }
-    QString log() const { return lines_.join('\n'); }
-
-private:
-    QProcess process_;
-    QByteArray pending_;
-    QStringList lines_;
-};
-
-// The program's log lines while it lives.
-struct LogLines {
-    LogLines()
-    {
-        previous = setLogTap([this](const char *, const QString &text) {
-            std::lock_guard lock(mutex);
-            lines << text;
-        });
-    }
-    ~LogLines() { setLogTap(previous); }
-    bool has(const QString &text)
-    {
-        std::lock_guard lock(mutex);
-        return lines.contains(text);
-    }
-    QString all()
-    {
-        std::lock_guard lock(mutex);
-        return lines.join('\n');
-    }
-    std::mutex mutex;
-    QStringList lines;
-    LogTap previous;
-};
+    return false;
+}
 
 TEST(PortalKeysyms, TypedCharactersBecomeKeysyms)
 {
@@ -217,10 +157,7 @@ struct Cast {
     {
         if (!receiver.start()) return;
         control.setControlPort(receiver.controlPort());
-        control.connect("127.0.0.1", [this](bool ok) {
-            connected = ok;
-            done = true;
-        });
+        control.connect("127.0.0.1", [this](bool ok) { connected = ok, done = true; });
         waitUntil([this] { return done; }, 10s);
         capture.setIpStr("127.0.0.1");
         capture.setVPort(receiver.mediaPort());
@@ -249,17 +186,17 @@ TEST_F(WaylandDesktop, CastShowsTheSharedMonitorAndTheSecondCastSkipsTheChooser)
     // A plain screen-cast session: this desktop's remote-desktop portal (version 1) cannot
     // keep the choice.
     Preferences::remove(kToken);
-    LogLines log;
+    LogRecorder log;
     Cast cast(false);
     ASSERT_TRUE(cast.connected) << cast.receiver.error().toStdString();
     cast.capture.startPut();
     ASSERT_TRUE(waitUntil([&] { return cast.capture.isPutting(); }, 20s));
     // Without a remote-desktop session and on a compositor without a virtual pointer there
     // is nothing to inject with: said at the start of the cast.
-    EXPECT_TRUE(log.has("casting with the portal capture backend")) << log.all().toStdString();
-    EXPECT_TRUE(waitUntil([&] { return log.all().contains(QRegularExpression(
+    EXPECT_TRUE(log.lines().contains("casting with the portal capture backend")) << log.lines().join('\n').toStdString();
+    EXPECT_TRUE(waitUntil([&] { return log.lines().join('\n').contains(QRegularExpression(
                                     "remote input: none \\(this desktop offers neither the remote-desktop portal nor a virtual pointer .*zwlr_virtual_pointer_manager_v1")); }))
-        << log.all().toStdString();
+        << log.lines().join('\n').toStdString();
     EXPECT_TRUE(portalCalls("RemoteDesktop.CreateSession").isEmpty());
     EXPECT_EQ(cast.capture.screenSize(), QSizeF(1280, 800));
     // Nothing moves on the virtual monitor: the pictures still come at the cast's own rate.
@@ -267,8 +204,8 @@ TEST_F(WaylandDesktop, CastShowsTheSharedMonitorAndTheSecondCastSkipsTheChooser)
     const QString token = Preferences::value(kToken).toString();
     EXPECT_FALSE(token.isEmpty()) << "the person's choice is remembered";
     ASSERT_EQ(portalCalls("ScreenCast.SelectSources").size(), 1);
-    EXPECT_EQ(portalCalls("ScreenCast.SelectSources").first().value("options").toObject().value("persist_mode").toInt(), 2);
     const QJsonObject first = portalCalls("ScreenCast.SelectSources").first();
+    EXPECT_EQ(first.value("options").toObject().value("persist_mode").toInt(), 2);
     EXPECT_EQ(first.value("options").toObject().value("cursor_mode").toInt(), 2) << "the pointer is in the picture";
     EXPECT_FALSE(first.value("restore").toBool());
 
@@ -356,16 +293,17 @@ TEST_F(WaylandDesktop, ReceiverPointerReachesAWindowThroughThePortal)
     EXPECT_EQ(input::makeVirtualPointerInjector(&why), nullptr) << "this compositor has no virtual pointer";
     EXPECT_TRUE(why.contains("zwlr_virtual_pointer_manager_v1")) << why.toStdString();
 
-    WaylandProbe probe;
+    test::ProbeWindow probe;
     ASSERT_TRUE(probe.start()) << probe.log().toStdString();
     Preferences::remove(kToken);
-    LogLines log;
+    LogRecorder log;
     Cast cast(true, {"--area", "1280x800"});
     ASSERT_TRUE(cast.connected) << cast.receiver.error().toStdString();
     cast.capture.startPut();
     ASSERT_TRUE(waitUntil([&] { return cast.capture.isPutting(); }, 20s));
-    EXPECT_TRUE(waitUntil([&] { return log.has("remote input with the portal backend"); })) << log.all().toStdString();
-    ASSERT_TRUE(probe.warmUp([&](int i) { cast.receiver.command(QStringLiteral("click %1 790").arg(1270 - i)); })) << probe.log().toStdString();
+    EXPECT_TRUE(waitUntil([&] { return log.lines().contains("remote input with the portal backend"); }))
+        << log.lines().join('\n').toStdString();
+    ASSERT_TRUE(warmUp(probe, [&](int i) { cast.receiver.command(QStringLiteral("click %1 790").arg(1270 - i)); })) << probe.log().toStdString();
 
     const struct {
         QStringList commands;
@@ -381,7 +319,8 @@ TEST_F(WaylandDesktop, ReceiverPointerReachesAWindowThroughThePortal)
     };
     for (const auto &step : steps) {
         for (const QString &c : step.commands) cast.receiver.command(c);
-        for (const QString &line : step.lines) EXPECT_TRUE(probe.has(line)) << line.toStdString() << "\n" << probe.log().toStdString();
+        for (const QString &line : step.lines)
+            EXPECT_TRUE(probe.waitForLine(line)) << line.toStdString() << "\n" << probe.log().toStdString();
     }
     EXPECT_FALSE(portalCalls("RemoteDesktop.NotifyPointerButton").isEmpty());
     // Text goes as keysyms into the focused line edit. This compositor may lose the first
@@ -430,55 +369,37 @@ protected:
         sway_->setStandardOutputFile(dir_ + "/sway.log");
         sway_->setStandardErrorFile(dir_ + "/sway.log");
         sway_->start(sway, {"-c", dir_ + "/config"});
-        QString socket;
         waitUntil([&] {
-            const QStringList found = QDir(dir_ + "/run").entryList({"wayland-*"}, QDir::System).filter(QRegularExpression("^wayland-\\d+$"));
-            socket = found.value(0);
-            return !socket.isEmpty() || sway_->state() == QProcess::NotRunning;
+            socket_ = QDir(dir_ + "/run").entryList({"wayland-*"}, QDir::System).filter(QRegularExpression("^wayland-\\d+$")).value(0);
+            return !socket_.isEmpty() || sway_->state() == QProcess::NotRunning;
         }, 15s);
-        if (socket.isEmpty()) {
-            QFile log(dir_ + "/sway.log");
-            log.open(QIODevice::ReadOnly);
+        QFile log(dir_ + "/sway.log");
+        if (socket_.isEmpty() && log.open(QIODevice::ReadOnly))
             skipWhy_ = "sway did not start: " + QString::fromUtf8(log.readAll().right(300));
-            return;
-        }
-        socket_ = socket;
     }
     static void TearDownTestSuite()
     {
         if (!sway_) return;
         sway_->terminate();
-        if (!sway_->waitForFinished(5000)) sway_->kill();
         sway_->waitForFinished(5000);
-        delete sway_;
+        delete sway_; // killed if it is still there
         sway_ = nullptr;
     }
     void SetUp() override
     {
         if (socket_.isEmpty()) GTEST_SKIP() << skipWhy_.toStdString();
         // This compositor for the injector and the probe window, for this test only.
-        saved_ = {qgetenv("XDG_RUNTIME_DIR"), qgetenv("WAYLAND_DISPLAY")};
-        qputenv("XDG_RUNTIME_DIR", (dir_ + "/run").toLocal8Bit());
-        qputenv("WAYLAND_DISPLAY", socket_.toLocal8Bit());
-    }
-    void TearDown() override
-    {
-        if (socket_.isEmpty()) return;
-        for (const auto &[name, value] : {std::pair{"XDG_RUNTIME_DIR", saved_.first}, std::pair{"WAYLAND_DISPLAY", saved_.second}}) {
-            if (value.isNull())
-                qunsetenv(name);
-            else
-                qputenv(name, value);
-        }
+        runtimeDir_.emplace("XDG_RUNTIME_DIR", (dir_ + "/run").toLocal8Bit());
+        display_.emplace("WAYLAND_DISPLAY", socket_.toLocal8Bit());
     }
     static inline QProcess *sway_ = nullptr;
     static inline QString dir_, socket_, skipWhy_;
-    std::pair<QByteArray, QByteArray> saved_;
+    std::optional<test::ScopedEnv> runtimeDir_, display_;
 };
 
 TEST_F(WlrootsDesktop, VirtualPointerMovesClicksAndScrollsOverTheOutput)
 {
-    WaylandProbe probe;
+    test::ProbeWindow probe;
     ASSERT_TRUE(probe.start()) << probe.log().toStdString();
     QString why;
     std::unique_ptr<input::InputInjector> pointer = input::makeVirtualPointerInjector(&why);
@@ -487,7 +408,7 @@ TEST_F(WlrootsDesktop, VirtualPointerMovesClicksAndScrollsOverTheOutput)
     // The cast of the whole output, as the casting session hands it over.
     pointer->setCaptureStream({{}, 0, QRect(0, 0, 1280, 800), {}, 0});
     using input::MouseButton;
-    ASSERT_TRUE(probe.warmUp([&](int i) {
+    ASSERT_TRUE(warmUp(probe, [&](int i) {
         pointer->moveTo(QPointF(1270 - i, 790));
         pointer->click(MouseButton::Left, 1);
     })) << probe.log().toStdString();
@@ -512,7 +433,8 @@ TEST_F(WlrootsDesktop, VirtualPointerMovesClicksAndScrollsOverTheOutput)
     };
     for (const auto &step : steps) {
         step.act(*pointer);
-        for (const QString &line : step.lines) EXPECT_TRUE(probe.has(line)) << line.toStdString() << "\n" << probe.log().toStdString();
+        for (const QString &line : step.lines)
+            EXPECT_TRUE(probe.waitForLine(line)) << line.toStdString() << "\n" << probe.log().toStdString();
     }
 }
 

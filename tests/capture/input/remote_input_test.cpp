@@ -7,18 +7,13 @@
 #include "capture/input/linux/xtest_input_injector.h"
 #include "capture/input/mouse_event.h"
 #include "capture/session/mac_screen_capture.h"
-#include "common/log.h"
 #include "control/net_control.h"
+#include "media_test_support.h"
 #include "support/reference_receiver.h"
 #include "support/test_support.h"
 #include "x_session.h"
 
 #include <gtest/gtest.h>
-
-#include <X11/Xlib.h>
-
-#include <cstdlib>
-#include <mutex>
 
 using namespace velocast;
 using namespace velocast::input;
@@ -50,37 +45,14 @@ struct XRig {
         drainMainThread();
     }
     bool ok() const { return log && log->ok(); }
+    // The button events delivered since the last call, space-separated.
+    QString take() { return log->take().join(' '); }
     test::PrivateXServer x;
     std::unique_ptr<test::XButtonLog> log;
 };
 
 #define REQUIRE_X(rig) \
     if (!(rig).ok()) GTEST_SKIP() << "no private X server: " << (rig).x.error().toStdString()
-
-// Lines written through logLine while alive.
-struct LogLines {
-    LogLines()
-    {
-        previous = setLogTap([this](const char *, const QString &t) {
-            std::lock_guard lock(mutex);
-            lines << t;
-        });
-    }
-    ~LogLines() { setLogTap(previous); }
-    QStringList all()
-    {
-        std::lock_guard lock(mutex);
-        return lines;
-    }
-    bool contains(const QString &part)
-    {
-        std::lock_guard lock(mutex);
-        return lines.join('\n').contains(part);
-    }
-    std::mutex mutex;
-    QStringList lines;
-    LogTap previous;
-};
 
 struct Action {
     int type;
@@ -109,23 +81,23 @@ TEST_P(ActionCodes, DeliverWhatTheHeldButtonAllows)
     const QPoint start = rig.log->pointer();
     for (const Action &a : c.actions) MouseEvent::eventWithType(a.type, a.at, a.wheel);
     drainMainThread();
-    EXPECT_EQ(rig.log->take().join(' '), QString::fromLatin1(c.delivered));
+    EXPECT_EQ(rig.take(), QString::fromLatin1(c.delivered));
     EXPECT_EQ(MouseEvent::heldButton(), c.heldAfter);
     EXPECT_EQ(rig.log->pointer(), c.pointer == QPoint(-1, -1) ? start : c.pointer);
     MouseEvent::castEnded();
     drainMainThread();
-    EXPECT_EQ(rig.log->take().join(' '), QString::fromLatin1(c.atCastEnd));
+    EXPECT_EQ(rig.take(), QString::fromLatin1(c.atCastEnd));
     EXPECT_EQ(MouseEvent::heldButton(), MouseEvent::kNone);
     EXPECT_EQ(rig.log->buttonMask(), 0u) << "a button stays down after the cast";
 }
 
-QString wheelClicks(int button, int n)
+std::string wheelClicks(int button, int n)
 {
     QStringList out;
     for (int i = 0; i < n; ++i) out << QStringLiteral("p%1 r%1").arg(button);
-    return out.join(' ');
+    return out.join(' ').toStdString();
 }
-const std::string kHostileWheel = wheelClicks(4, InputEvent::kMaxWheelClicks).toStdString();
+const std::string kHostileWheel = wheelClicks(4, InputEvent::kMaxWheelClicks);
 
 INSTANTIATE_TEST_SUITE_P(
     MouseEvent, ActionCodes,
@@ -152,7 +124,7 @@ INSTANTIATE_TEST_SUITE_P(
 // picture are handed on (the server clamps them) and never wrap around.
 TEST(XTestInjector, PlacesPicturePixelsOnTheCapturedOutput)
 {
-    XRig rig({1280, 800}, QRect(300, 200, 640, 400));
+    XRig rig;
     REQUIRE_X(rig);
     const struct {
         QRect area;
@@ -172,7 +144,7 @@ TEST(XTestInjector, PlacesPicturePixelsOnTheCapturedOutput)
         MouseEvent::leftDown(c.at);
         MouseEvent::leftUp(c.at);
         drainMainThread();
-        EXPECT_EQ(rig.log->take().join(' '), "p1 r1");
+        EXPECT_EQ(rig.take(), "p1 r1");
         EXPECT_EQ(rig.log->pointer(), c.root) << c.at.x() << "," << c.at.y();
     }
 }
@@ -189,47 +161,47 @@ TEST(MacScreenCaptureInput, MapsTheReceiversAreaAndActsOnlyDuringACast)
         int x, y, width, height;
         QPoint root; // picture pixel + the origin (400, 100)
     } cases[] = {
-        {64, 0, 1280, 720, {400, 100}},    // the picture's corner
+        {64, 0, 1280, 720, {400, 100}},     // the picture's corner
         {640, 360, 1280, 720, {1840, 1000}}, // the centre
-        {0, 0, 1280, 720, {240, 100}},     // in the black bar: off the picture, (-160, 0)
+        {0, 0, 1280, 720, {240, 100}},      // in the black bar: off the picture, (-160, 0)
         {123, 456, 2880, 1800, {523, 556}}, // the screen's own size: as it is
     };
     for (const auto &c : cases) {
         capture.mouseEventWithType(1, c.x, c.y, c.width, c.height, 0, 0);
         capture.mouseEventWithType(2, c.x, c.y, c.width, c.height, 0, 0);
         drainMainThread();
-        EXPECT_EQ(rig.log->take().join(' '), "p1 r1");
+        EXPECT_EQ(rig.take(), "p1 r1");
         EXPECT_EQ(rig.log->pointer(), c.root) << c.x << "," << c.y << " in " << c.width << "x" << c.height;
     }
     // A degenerate area has no position, but the wheel needs none.
     capture.mouseEventWithType(1, 5, 5, 0, 0, 0, 0);
     capture.mouseEventWithType(9, 5, 5, 0, 0, 0, 1);
     drainMainThread();
-    EXPECT_EQ(rig.log->take().join(' '), "p4 r4");
+    EXPECT_EQ(rig.take(), "p4 r4");
 
-    LogLines log;
+    test::LogRecorder log;
     MouseEvent::castEnded();
     capture.mouseEventWithType(1, 64, 0, 1280, 720, 0, 0);
     capture.mouseEventWithType(9, 0, 0, 1280, 720, 0, 1);
     drainMainThread();
-    EXPECT_EQ(rig.log->take().join(' '), "") << "injected outside a cast";
-    EXPECT_TRUE(log.contains("dropped: no cast is running"));
+    EXPECT_EQ(rig.take(), "") << "injected outside a cast";
+    EXPECT_TRUE(log.lines().join('\n').contains("dropped: no cast is running"));
 }
 
 // Without any display the events are dropped, and the reason is logged once.
 TEST(XTestInjector, WithoutADisplayEventsAreDroppedWithOneLogLine)
 {
-    const QByteArray saved = qgetenv("DISPLAY");
-    qunsetenv("DISPLAY");
-    LogLines log;
-    InputEvent::setInjector(nullptr);
-    InputEvent::setCaptureStream({});
-    MouseEvent::leftDown({1, 1});
-    MouseEvent::leftUp({1, 1});
-    InputEvent::inputString("x");
-    drainMainThread();
-    if (!saved.isNull()) qputenv("DISPLAY", saved);
-    EXPECT_EQ(log.all().filter("remote input is not available: no display").size(), 1) << log.all().join('\n').toStdString();
+    test::LogRecorder log;
+    {
+        test::ScopedEnv noDisplay("DISPLAY", {});
+        InputEvent::setInjector(nullptr);
+        InputEvent::setCaptureStream({});
+        MouseEvent::leftDown({1, 1});
+        MouseEvent::leftUp({1, 1});
+        InputEvent::inputString("x");
+        drainMainThread();
+    }
+    EXPECT_EQ(log.lines().filter("remote input is not available: no display").size(), 1) << log.lines().join('\n').toStdString();
 }
 
 // What a toolkit makes of it: a Qt window on the same display.
@@ -238,37 +210,43 @@ TEST(XTestInjector, AQtWindowSeesDoubleClicksWheelLinesAndUnicodeText)
     XRig rig;
     REQUIRE_X(rig);
     test::ProbeWindow probe(rig.x.display());
-    ASSERT_TRUE(probe.start()) << probe.lines().join('\n').toStdString();
+    ASSERT_TRUE(probe.start()) << probe.log().toStdString();
 
     MouseEvent::doubleLeft({600, 500});
-    EXPECT_TRUE(probe.waitForLine("dblclick 1 600 500")) << probe.lines().join('\n').toStdString();
+    EXPECT_TRUE(probe.waitForLine("dblclick 1 600 500")) << probe.log().toStdString();
     const struct {
         QPointF wheel;
         const char *line;
     } wheels[] = {{{0, 1}, "wheel 0 120"}, {{0, -1}, "wheel 0 -120"}, {{1, 0}, "wheel 120 0"}, {{-1, 0}, "wheel -120 0"}};
     for (const auto &w : wheels) {
         MouseEvent::scrollUp(w.wheel);
-        EXPECT_TRUE(probe.waitForLine(w.line)) << w.line << "\n" << probe.lines().join('\n').toStdString();
+        EXPECT_TRUE(probe.waitForLine(w.line)) << w.line << "\n" << probe.log().toStdString();
     }
 
     // Focus follows the pointer on a bare X server: put it over the line edit.
     MouseEvent::leftDown({50, 10});
     MouseEvent::leftUp({50, 10});
-    const QString text = QStringLiteral("客厅 Ab#é😀!");
-    InputEvent::inputString(text);
-    EXPECT_TRUE(probe.waitForLine("text " + text)) << probe.lines().join('\n').toStdString();
-    // A lone surrogate is no character: skipped, the rest arrives.
-    InputEvent::inputString(QString(QChar(0xd83d)) + "z");
-    EXPECT_TRUE(probe.waitForLine("text " + text + "z")) << probe.lines().join('\n').toStdString();
-    // More distinct characters than the backend has keycodes to lend at once.
-    QString many;
+    QString many; // more distinct characters than the backend has keycodes to lend at once
     for (char16_t c = 0x4e00; c < 0x4e00 + 40; ++c) many += QChar(c);
-    InputEvent::inputString(many);
-    EXPECT_TRUE(probe.waitForLine("text " + text + "z" + many)) << probe.lines().join('\n').toStdString();
-    InputEvent::writeString("B", modifier::kShift);
-    EXPECT_TRUE(probe.waitForLine("key shift B")) << probe.lines().join('\n').toStdString();
-    InputEvent::writeString("q", modifier::kControl | modifier::kAlternate);
-    EXPECT_TRUE(probe.waitForLine("key ctrl+alt Q")) << probe.lines().join('\n').toStdString();
+    const struct {
+        QString typed;
+        int modifiers;
+        QString line;
+    } keys[] = {
+        {QStringLiteral("客厅 Ab#é😀!"), 0, QStringLiteral("text 客厅 Ab#é😀!")},
+        // A lone surrogate is no character: skipped, the rest arrives.
+        {QString(QChar(0xd83d)) + "z", 0, QStringLiteral("text 客厅 Ab#é😀!z")},
+        {many, 0, QStringLiteral("text 客厅 Ab#é😀!z") + many},
+        {"B", modifier::kShift, "key shift B"},
+        {"q", modifier::kControl | modifier::kAlternate, "key ctrl+alt Q"},
+    };
+    for (const auto &k : keys) {
+        if (k.modifiers)
+            InputEvent::writeString(k.typed, k.modifiers);
+        else
+            InputEvent::inputString(k.typed);
+        EXPECT_TRUE(probe.waitForLine(k.line)) << k.line.toStdString() << "\n" << probe.log().toStdString();
+    }
 }
 
 // End to end: the reference receiver's pointer commands during a real cast of the private
@@ -278,18 +256,7 @@ TEST(MacScreenCaptureInput, ReceiverPointerCommandsActDuringARealCast)
     if (!test::ReferenceReceiver::available()) GTEST_SKIP() << "built without the reference receiver";
     XRig rig;
     REQUIRE_X(rig);
-    const QByteArray saved = qgetenv("DISPLAY");
-    qputenv("DISPLAY", rig.x.display().toLocal8Bit());
-    struct Restore {
-        QByteArray value;
-        ~Restore()
-        {
-            if (value.isNull())
-                qunsetenv("DISPLAY");
-            else
-                qputenv("DISPLAY", value);
-        }
-    } restore{saved};
+    test::ScopedEnv display("DISPLAY", rig.x.display().toLocal8Bit());
 
     // The receiver's picture is 1280 x 720: the 1280 x 800 screen sits in it at (64, 0),
     // 1152 x 720, so receiver (640, 360) is screen (640, 400).
@@ -310,12 +277,9 @@ TEST(MacScreenCaptureInput, ReceiverPointerCommandsActDuringARealCast)
     // starts (the push connects first).
     ASSERT_TRUE(waitUntil([&] { return capture.isPutting() && MouseEvent::isCastRunning(); }, 20s));
 
-    QStringList seen;
+    QString seen;
     const auto delivered = [&](const QString &events) {
-        return waitUntil([&] {
-            seen += rig.log->take();
-            return seen.join(' ').endsWith(events);
-        }, 10s);
+        return waitUntil([&] { return (seen += QStringLiteral(" ") + rig.take()).simplified().endsWith(events); }, 10s);
     };
     const struct {
         const char *command;
@@ -330,7 +294,7 @@ TEST(MacScreenCaptureInput, ReceiverPointerCommandsActDuringARealCast)
     };
     for (const auto &s : steps) {
         receiver.command(s.command);
-        EXPECT_TRUE(delivered(s.events)) << s.command << ": " << seen.join(' ').toStdString();
+        EXPECT_TRUE(delivered(s.events)) << s.command << ": " << seen.simplified().toStdString();
         EXPECT_EQ(rig.log->pointer(), s.pointer) << s.command;
     }
     receiver.command("mouse 8 190 180");
@@ -338,7 +302,7 @@ TEST(MacScreenCaptureInput, ReceiverPointerCommandsActDuringARealCast)
     EXPECT_NE(rig.log->buttonMask(), 0u) << "the left button is held during the drag";
     // The receiver ends the cast while it holds the left button: the button is let go.
     receiver.command("stop");
-    EXPECT_TRUE(delivered("r1")) << seen.join(' ').toStdString();
+    EXPECT_TRUE(delivered("r1")) << seen.simplified().toStdString();
     EXPECT_TRUE(waitUntil([&] { return !capture.isPutting(); }, 10s));
     EXPECT_EQ(MouseEvent::heldButton(), MouseEvent::kNone);
 }

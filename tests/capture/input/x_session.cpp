@@ -16,11 +16,9 @@ namespace velocast::test {
 
 PrivateXServer::~PrivateXServer()
 {
-    if (process_ && process_->state() != QProcess::NotRunning) {
-        process_->terminate();
-        if (!process_->waitForFinished(5000)) process_->kill();
-        process_->waitForFinished(5000);
-    }
+    if (!process_) return;
+    process_->terminate();
+    process_->waitForFinished(5000); // the QProcess kills it if it is still there
 }
 
 bool PrivateXServer::start(QSize screen)
@@ -40,17 +38,16 @@ bool PrivateXServer::start(QSize screen)
                     {QStringLiteral("-c"), QStringLiteral("exec \"$0\" -displayfd 3 -screen 0 %1x%2x24 -nolisten tcp 3>\"$1\"")
                                                .arg(screen.width()).arg(screen.height()),
                      xvfb, displayFile});
-    const bool up = waitUntil([&] {
+    waitUntil([&] {
         QFile f(displayFile);
-        return f.open(QIODevice::ReadOnly) && f.readAll().trimmed().size() > 0;
+        display_ = f.open(QIODevice::ReadOnly) ? QString::fromLatin1(f.readAll().trimmed()) : QString();
+        return !display_.isEmpty();
     }, 20s);
-    if (!up) {
+    if (display_.isEmpty()) {
         error_ = QStringLiteral("Xvfb did not come up");
         return false;
     }
-    QFile f(displayFile);
-    f.open(QIODevice::ReadOnly);
-    display_ = QStringLiteral(":") + QString::fromLatin1(f.readAll().trimmed());
+    display_.prepend(QLatin1Char(':'));
     return true;
 }
 
@@ -96,22 +93,13 @@ QStringList XButtonLog::take()
     return out;
 }
 
-QPoint XButtonLog::pointer()
+std::pair<QPoint, unsigned> XButtonLog::query()
 {
     Window root = 0, child = 0;
     int rx = 0, ry = 0, wx = 0, wy = 0;
     unsigned mask = 0;
     XQueryPointer(dpy_, DefaultRootWindow(dpy_), &root, &child, &rx, &ry, &wx, &wy, &mask);
-    return {rx, ry};
-}
-
-unsigned XButtonLog::buttonMask()
-{
-    Window root = 0, child = 0;
-    int rx = 0, ry = 0, wx = 0, wy = 0;
-    unsigned mask = 0;
-    XQueryPointer(dpy_, DefaultRootWindow(dpy_), &root, &child, &rx, &ry, &wx, &wy, &mask);
-    return mask & (Button1Mask | Button2Mask | Button3Mask | Button4Mask | Button5Mask);
+    return {{rx, ry}, mask & (Button1Mask | Button2Mask | Button3Mask | Button4Mask | Button5Mask)};
 }
 
 void drainMainThread()
@@ -127,26 +115,21 @@ void drainMainThread()
 ProbeWindow::ProbeWindow(const QString &display)
 {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("DISPLAY"), display);
-    env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
-    env.remove(QStringLiteral("WAYLAND_DISPLAY"));
+    env.insert(QStringLiteral("QT_QPA_PLATFORM"), display.isEmpty() ? QStringLiteral("wayland") : QStringLiteral("xcb"));
+    env.remove(display.isEmpty() ? QStringLiteral("DISPLAY") : QStringLiteral("WAYLAND_DISPLAY"));
+    if (!display.isEmpty()) env.insert(QStringLiteral("DISPLAY"), display);
     process_.setProcessEnvironment(env);
     process_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     QObject::connect(&process_, &QProcess::readyReadStandardOutput, [this] {
         pending_ += process_.readAllStandardOutput();
-        for (qsizetype nl; (nl = pending_.indexOf('\n')) >= 0;) {
-            lines_ << QString::fromUtf8(pending_.left(nl));
-            pending_.remove(0, nl + 1);
-        }
+        for (qsizetype nl; (nl = pending_.indexOf('\n')) >= 0; pending_.remove(0, nl + 1)) lines_ << QString::fromUtf8(pending_.left(nl));
     });
 }
 
 ProbeWindow::~ProbeWindow()
 {
-    if (process_.state() != QProcess::NotRunning) {
-        process_.kill();
-        process_.waitForFinished(5000);
-    }
+    process_.kill();
+    process_.waitForFinished(5000);
 }
 
 bool ProbeWindow::start()
