@@ -68,7 +68,7 @@ INSTANTIATE_TEST_SUITE_P(Table, ConnectCodeDecode,
         DecodeCase{"一二三四五六", "10.1.2.3", true, "10.1.0.0", "0"}),
     [](const ::testing::TestParamInfo<DecodeCase> &info) { return "case" + std::to_string(info.index); });
 
-TEST(ConnectCodeTool, BinaryAndDecimalSteps)
+TEST(ConnectCodeTool, BinaryDecimalAndPortSteps)
 {
     EXPECT_EQ(ConnectCodeTool::getBinaryStrWithDecimalStr("5", 4), "0101");
     EXPECT_EQ(ConnectCodeTool::getBinaryStrWithDecimalStr("  300", 8), "00101100"); // low 8 bits
@@ -83,10 +83,6 @@ TEST(ConnectCodeTool, BinaryAndDecimalSteps)
         std::numeric_limits<qint64>::max());
     EXPECT_EQ(ConnectCodeTool::getIpCodeArrayWithIp("192.168.1.1"), (QStringList{"11000000", "10101000"}));
     EXPECT_EQ(ConnectCodeTool::getIpCodeArrayWithIp("7"), (QStringList{"00000111", "00000000"}));
-}
-
-TEST(ConnectCodeTool, PortTable)
-{
     EXPECT_EQ(ConnectCodeTool::getPortStrWithPortCode("00"), "11010");
     EXPECT_EQ(ConnectCodeTool::getPortStrWithPortCode("01"), "11013");
     EXPECT_EQ(ConnectCodeTool::getPortStrWithPortCode("10"), "11015");
