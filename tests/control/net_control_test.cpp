@@ -162,7 +162,8 @@ TEST(NetControl, ChunksAreSplitAtHashAndEachPieceIsPostedAsParsed)
         std::vector<QString> posted; // compact JSON, "null" for a piece that did not parse
         bool dropped = false;
     } cases[] = {
-        {R"({"id":"a","property":{}}#{"id":"b","property":{"n":1}}#)", {R"({"id":"a","property":{}})", R"({"id":"b","property":{"n":1}})"}},
+        {R"({"id":"a","property":{}}#{"id":"b","property":{"n":1}}#)",
+            {R"({"id":"a","property":{}})", R"({"id":"b","property":{"n":1}})"}},
         {R"({"id":"c"}#{"id":"d"})", {R"({"id":"c"})", R"({"id":"d"})"}}, // the last piece needs no "#"
         {R"({"id":"e")", {"null"}},
         {QByteArray(1024, '#'), {}},
