@@ -10,7 +10,6 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <array>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -20,42 +19,25 @@ namespace {
 
 using test::makeFrame;
 
-// What the registered callback and the log sink saw; plain functions record into it.
-struct Recorded {
-    std::mutex mutex;
-    std::vector<std::array<intptr_t, 4>> calls; // userValue, event, zero, userData
-    std::vector<std::string> lines;
-};
-Recorded recorded;
-
-int32_t recordEvent(int32_t userValue, int32_t event, int32_t zero, void *userData)
+// The registered callback hands each event to the EventLog given as its user data.
+int32_t toEventLog(int32_t userValue, int32_t event, int32_t zero, void *userData)
 {
-    std::lock_guard lock(recorded.mutex);
-    recorded.calls.push_back({userValue, event, zero, reinterpret_cast<intptr_t>(userData)});
-    return 0;
+    EXPECT_EQ(userValue, 1);
+    EXPECT_EQ(zero, 0);
+    return static_cast<test::EventLog *>(userData)->OnEvent(event);
 }
 
+std::mutex linesMutex;
+std::vector<std::string> lines;
 void recordLine(int, const char *text)
 {
-    std::lock_guard lock(recorded.mutex);
-    recorded.lines.push_back(text);
-}
-
-std::vector<int32_t> recordedEvents()
-{
-    std::lock_guard lock(recorded.mutex);
-    std::vector<int32_t> events;
-    for (const auto &call : recorded.calls)
-        events.push_back(int32_t(call[1]));
-    return events;
+    std::lock_guard lock(linesMutex);
+    lines.push_back(text);
 }
 
 struct PushApiTest : ::testing::Test {
     void SetUp() override
     {
-        std::lock_guard lock(recorded.mutex);
-        recorded.calls.clear();
-        recorded.lines.clear();
         // A receiver with a TCP listener and a UDP socket on the same port number.
         for (int attempt = 0; attempt < 20 && !(udp && udp->isValid()); ++attempt) {
             tcp = test::TcpListener();
@@ -63,13 +45,14 @@ struct PushApiTest : ::testing::Test {
         }
         ASSERT_TRUE(udp->isValid()) << "no port number free for both TCP and UDP";
         handle = PushCreate();
-        PushSetCallback(handle, recordEvent, 1, nullptr);
+        ASSERT_EQ(PushSetCallback(handle, toEventLog, 1, &log), 0);
     }
     void TearDown() override
     {
         PushClose(PushCreate());
         SetLogSink(nullptr);
     }
+    test::EventLog log;
     test::TcpListener tcp;
     std::optional<test::UdpReceiver> udp;
     PushHandle handle = nullptr;
@@ -81,8 +64,6 @@ TEST_F(PushApiTest, VideoGoesByTcpAndAudioByUdpToTheSamePort)
 {
     EXPECT_EQ(PushSendFrame(handle, &video), kPushNotReady) << "before PushInit";
     SetLogSink(recordLine);
-    static char userData[] = "123";
-    EXPECT_EQ(PushSetCallback(handle, recordEvent, 1, userData), 0);
     ASSERT_EQ(PushInit(handle, "127.0.0.1", tcp.port()), kPushOk);
     EXPECT_EQ(PushInit(handle, "127.0.0.1", tcp.port()), kPushAlreadyDone);
     Socket peer = tcp.accept();
@@ -114,27 +95,23 @@ TEST_F(PushApiTest, VideoGoesByTcpAndAudioByUdpToTheSamePort)
     EXPECT_EQ(PushClose(handle), kPushOk);
     EXPECT_EQ(PushSendFrame(handle, &audio), kPushNotReady);
 
-    std::lock_guard lock(recorded.mutex);
+    std::lock_guard lock(linesMutex);
     const std::string init = "SimAPI-init called: server: 127.0.0.1:" + std::to_string(tcp.port()) + "  ret: ";
-    EXPECT_EQ(std::count_if(recorded.lines.begin(), recorded.lines.end(),
-                            [&](const std::string &line) { return line.rfind(init, 0) == 0; }),
-              1);
-    ASSERT_FALSE(recorded.calls.empty());
-    for (const auto &call : recorded.calls)
-        EXPECT_EQ((std::array<intptr_t, 3> {call[0], call[2], call[3]}),
-                  (std::array<intptr_t, 3> {1, 0, reinterpret_cast<intptr_t>(userData)}));
-    EXPECT_EQ(recorded.calls.front()[1], kEventConnecting);
-    EXPECT_EQ(recorded.calls.back()[1], kEventClosed);
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [&](const std::string &line) { return line.rfind(init, 0) == 0; }), 1);
+    const auto events = log.events();
+    ASSERT_FALSE(events.empty());
+    EXPECT_EQ(events.front(), kEventConnecting);
+    EXPECT_EQ(events.back(), kEventClosed);
 }
 
 TEST_F(PushApiTest, CreateForgetsTheCallbackAndClosesTheContext)
 {
     ASSERT_EQ(PushInit(handle, "127.0.0.1", tcp.port()), kPushOk);
-    const size_t before = recordedEvents().size();
+    const size_t before = log.events().size();
     EXPECT_EQ(PushCreate(), handle);
     EXPECT_EQ(PushSendFrame(handle, &video), kPushNotReady) << "closed";
     ASSERT_EQ(PushInit(handle, "127.0.0.1", tcp.port()), kPushOk) << "and open again";
-    EXPECT_EQ(recordedEvents().size(), before) << "the close and the new connect reported to nobody";
+    EXPECT_EQ(log.events().size(), before) << "the close and the new connect reported to nobody";
 }
 
 // The listener's accept queue is full, so the kernel drops the connect's SYN and the
@@ -150,7 +127,7 @@ TEST_F(PushApiTest, ConnectWaitRunningOutFailsInitWithoutUdp)
     EXPECT_EQ(PushInit(handle, "127.0.0.1", listener.port()), kPushTcpFailed);
     EXPECT_EQ(test::openDescriptorCount(), descriptors);
     // The failed Open closes, and deleting the failed client closes once more.
-    EXPECT_EQ(recordedEvents(),
+    EXPECT_EQ(log.events(),
               (std::vector<int32_t> {kEventConnecting, kEventConnectTimeout, kEventClosed, kEventClosed}));
     EXPECT_EQ(PushSendFrame(handle, &video), kPushNotReady);
 }
