@@ -23,10 +23,10 @@ TEST(Preferences, DisplayNameFallsBackToHostNameUnlessAStringIsStored)
     QSettings raw(Preferences::fileName(), QSettings::IniFormat);
     EXPECT_EQ(raw.value(prefkey::USERNAME).toString(), QStringLiteral("客厅的电脑 #1;a,b"));
 
-    SaveDisplayName(QString());
-    EXPECT_EQ(CurrentDisplayName(), host);
-    Preferences::setValue(prefkey::USERNAME, QStringList{"a", "b"});
-    EXPECT_EQ(CurrentDisplayName(), host);
+    for (const QVariant &unusable : {QVariant(QString()), QVariant(QStringList{"a", "b"})}) {
+        Preferences::setValue(prefkey::USERNAME, unusable);
+        EXPECT_EQ(CurrentDisplayName(), host);
+    }
     Preferences::remove(prefkey::USERNAME);
 }
 

@@ -8,7 +8,6 @@
 #include "support/test_support.h"
 
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -17,7 +16,6 @@
 
 #include <gtest/gtest.h>
 
-#include <iostream>
 #include <unistd.h>
 
 using namespace std::chrono_literals;
@@ -162,15 +160,12 @@ protected:
             GTEST_SKIP() << "this machine does not allow network namespaces: " << error.toStdString();
         ASSERT_TRUE(error.isEmpty()) << error.toStdString();
     }
-    // Makes a change and expects a fresh report of it; prints how long the report took.
+    // Makes a change and expects a fresh report of it.
     void expectReportAfter(Probe &probe, const Report &expected, const std::function<void()> &change)
     {
         const auto before = probe.reports.size();
         change();
-        QElapsedTimer clock;
-        clock.start();
         EXPECT_TRUE(probe.waitForReport(expected, before)) << testing::PrintToString(expected);
-        std::cout << "[ latency  ] " << testing::PrintToString(expected) << " " << clock.elapsed() << " ms\n";
     }
     NetNamespace ns;
 };

@@ -1,7 +1,6 @@
 #include "loopback.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -9,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
 
 namespace velocast::push::test {
 
@@ -131,13 +131,7 @@ uint32_t frameId(const std::vector<uint8_t> &frame) { return frame.size() >= 9 ?
 
 int openDescriptorCount()
 {
-    int count = 0;
-    if (DIR *dir = opendir("/proc/self/fd")) {
-        while (readdir(dir))
-            ++count;
-        closedir(dir);
-    }
-    return count;
+    return int(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
 }
 
 } // namespace velocast::push::test

@@ -10,7 +10,6 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <array>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -20,160 +19,115 @@ namespace {
 
 using test::makeFrame;
 
-// What the registered callback and the log sink saw; plain functions record into it.
-struct Recorded {
-    std::mutex mutex;
-    std::vector<std::array<intptr_t, 4>> calls; // userValue, event, zero, userData
-    std::vector<std::string> lines;
-};
-Recorded &recorded()
+// The registered callback hands each event to the EventLog given as its user data.
+int32_t toEventLog(int32_t userValue, int32_t event, int32_t zero, void *userData)
 {
-    static Recorded r;
-    return r;
+    EXPECT_EQ(userValue, 1);
+    EXPECT_EQ(zero, 0);
+    return static_cast<test::EventLog *>(userData)->OnEvent(event);
 }
 
-int32_t recordEvent(int32_t userValue, int32_t event, int32_t zero, void *userData)
-{
-    std::lock_guard lock(recorded().mutex);
-    recorded().calls.push_back({userValue, event, zero, reinterpret_cast<intptr_t>(userData)});
-    return 0;
-}
-
+std::mutex linesMutex;
+std::vector<std::string> lines;
 void recordLine(int, const char *text)
 {
-    std::lock_guard lock(recorded().mutex);
-    recorded().lines.push_back(text);
-}
-
-std::vector<int32_t> recordedEvents()
-{
-    std::lock_guard lock(recorded().mutex);
-    std::vector<int32_t> events;
-    for (const auto &call : recorded().calls)
-        events.push_back(int32_t(call[1]));
-    return events;
+    std::lock_guard lock(linesMutex);
+    lines.push_back(text);
 }
 
 struct PushApiTest : ::testing::Test {
     void SetUp() override
     {
-        std::lock_guard lock(recorded().mutex);
-        recorded().calls.clear();
-        recorded().lines.clear();
+        // A receiver with a TCP listener and a UDP socket on the same port number.
+        for (int attempt = 0; attempt < 20 && !(udp && udp->isValid()); ++attempt) {
+            tcp = test::TcpListener();
+            udp.emplace(tcp.port());
+        }
+        ASSERT_TRUE(udp->isValid()) << "no port number free for both TCP and UDP";
+        handle = PushCreate();
+        ASSERT_EQ(PushSetCallback(handle, toEventLog, 1, &log), 0);
     }
     void TearDown() override
     {
         PushClose(PushCreate());
         SetLogSink(nullptr);
     }
-    // A receiver with a TCP listener and a UDP socket on the same port number.
-    void openReceiver()
-    {
-        for (int attempt = 0; attempt < 20; ++attempt) {
-            tcp = test::TcpListener();
-            udp.emplace(tcp.port());
-            if (udp->isValid())
-                return;
-        }
-        FAIL() << "no port number free for both TCP and UDP";
-    }
+    test::EventLog log;
     test::TcpListener tcp;
     std::optional<test::UdpReceiver> udp;
+    PushHandle handle = nullptr;
     std::vector<uint8_t> key = makeFrame(7, 2'000, 42);
     PushFrame video {kFrameTypeVideo, 2'000, kFrameFlagKey, key.data(), 0, 0};
 };
 
 TEST_F(PushApiTest, VideoGoesByTcpAndAudioByUdpToTheSamePort)
 {
-    PushHandle handle = PushCreate();
     EXPECT_EQ(PushSendFrame(handle, &video), kPushNotReady) << "before PushInit";
-    openReceiver();
     SetLogSink(recordLine);
-    static char userData[] = "123";
-    EXPECT_EQ(PushSetCallback(handle, recordEvent, 1, userData), 0);
     ASSERT_EQ(PushInit(handle, "127.0.0.1", tcp.port()), kPushOk);
     EXPECT_EQ(PushInit(handle, "127.0.0.1", tcp.port()), kPushAlreadyDone);
     Socket peer = tcp.accept();
     ASSERT_TRUE(peer.isValid());
     EXPECT_EQ(PushSendFrame(handle, nullptr), kPushNotReady);
 
-    EXPECT_EQ(PushSendFrame(handle, &video), kPushOk);
-    auto record = test::readRecord(peer.fd());
-    ASSERT_TRUE(record);
-    EXPECT_EQ(record->fields.keyFlag, 1);
-    EXPECT_EQ(record->payload, key);
-    video.flag = kFrameFlagOther;
-    EXPECT_EQ(PushSendFrame(handle, &video), kPushOk);
-    record = test::readRecord(peer.fd());
-    ASSERT_TRUE(record);
-    EXPECT_EQ(record->fields.keyFlag, 0);
+    for (const uint32_t flag : {kFrameFlagKey, kFrameFlagOther}) {
+        video.flag = flag;
+        EXPECT_EQ(PushSendFrame(handle, &video), kPushOk);
+        const auto record = test::readRecord(peer.fd());
+        ASSERT_TRUE(record);
+        EXPECT_EQ(record->fields.keyFlag, flag == kFrameFlagKey ? 1 : 0);
+        EXPECT_EQ(record->payload, key);
+    }
 
-    std::vector<uint8_t> aac(3'000, 0x5A);
-    PushFrame audio {kFrameTypeAudio, 3'000, kFrameFlagAac, aac.data(), 12, 345'678};
-    EXPECT_EQ(PushSendFrame(handle, &audio), kPushOk);
-    audio.length = 4;
-    EXPECT_EQ(PushSendFrame(handle, &audio), kPushOk) << "the result hides what the transport did";
+    // The result hides what the transport did: neither the 4-byte frame nor the unknown
+    // type goes out, and the next datagram is the 10-byte frame's.
+    std::vector<uint8_t> aac(100, 0x5A);
+    PushFrame audio {kFrameTypeAudio, 4, kFrameFlagAac, aac.data(), 12, 345'678};
     PushFrame unknown {9, 100, 0, aac.data(), 0, 0};
+    EXPECT_EQ(PushSendFrame(handle, &audio), kPushOk);
     EXPECT_EQ(PushSendFrame(handle, &unknown), kPushOk);
     audio.length = 10;
     EXPECT_EQ(PushSendFrame(handle, &audio), kPushOk);
-    // Header plus 1,420, 1,420 and 160 bytes, then the 10-byte frame: neither the 4-byte
-    // frame nor the unknown type went out.
-    for (size_t expected : {1'424u, 1'424u, 164u, 14u}) {
-        auto datagram = udp->receive();
-        ASSERT_TRUE(datagram);
-        EXPECT_EQ(datagram->size(), expected);
-    }
+    const auto datagram = udp->receive();
+    ASSERT_TRUE(datagram);
+    EXPECT_EQ(datagram->size(), 14u);
 
     EXPECT_EQ(PushClose(handle), kPushOk);
     EXPECT_EQ(PushSendFrame(handle, &audio), kPushNotReady);
 
-    std::lock_guard lock(recorded().mutex);
+    std::lock_guard lock(linesMutex);
     const std::string init = "SimAPI-init called: server: 127.0.0.1:" + std::to_string(tcp.port()) + "  ret: ";
-    EXPECT_EQ(std::count_if(recorded().lines.begin(), recorded().lines.end(),
-                            [&](const std::string &line) { return line.rfind(init, 0) == 0; }),
-              1);
-    ASSERT_FALSE(recorded().calls.empty());
-    for (const auto &call : recorded().calls)
-        EXPECT_EQ((std::array<intptr_t, 3> {call[0], call[2], call[3]}),
-                  (std::array<intptr_t, 3> {1, 0, reinterpret_cast<intptr_t>(userData)}));
-    EXPECT_EQ(recorded().calls.front()[1], kEventConnecting);
-    EXPECT_EQ(recorded().calls.back()[1], kEventClosed);
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [&](const std::string &line) { return line.rfind(init, 0) == 0; }), 1);
+    const auto events = log.events();
+    ASSERT_FALSE(events.empty());
+    EXPECT_EQ(events.front(), kEventConnecting);
+    EXPECT_EQ(events.back(), kEventClosed);
 }
 
 TEST_F(PushApiTest, CreateForgetsTheCallbackAndClosesTheContext)
 {
-    openReceiver();
-    PushHandle handle = PushCreate();
-    PushSetCallback(handle, recordEvent, 1, nullptr);
     ASSERT_EQ(PushInit(handle, "127.0.0.1", tcp.port()), kPushOk);
-    const size_t before = recordedEvents().size();
-
+    const size_t before = log.events().size();
     EXPECT_EQ(PushCreate(), handle);
     EXPECT_EQ(PushSendFrame(handle, &video), kPushNotReady) << "closed";
     ASSERT_EQ(PushInit(handle, "127.0.0.1", tcp.port()), kPushOk) << "and open again";
-    EXPECT_EQ(recordedEvents().size(), before) << "the close and the new connect reported to nobody";
+    EXPECT_EQ(log.events().size(), before) << "the close and the new connect reported to nobody";
 }
 
 // The listener's accept queue is full, so the kernel drops the connect's SYN and the
-// connect wait (3 s) runs out: -11, and no descriptor is left open.
+// connect wait runs out: -11, and no descriptor is left open.
 TEST_F(PushApiTest, ConnectWaitRunningOutFailsInitWithoutUdp)
 {
     test::TcpListener listener(0);
     Socket filler(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(listener.port());
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address {AF_INET, htons(listener.port()), {htonl(INADDR_LOOPBACK)}, {}};
     ASSERT_EQ(::connect(filler.fd(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
 
-    PushHandle handle = PushCreate();
-    PushSetCallback(handle, recordEvent, 1, nullptr);
     const int descriptors = test::openDescriptorCount();
     EXPECT_EQ(PushInit(handle, "127.0.0.1", listener.port()), kPushTcpFailed);
     EXPECT_EQ(test::openDescriptorCount(), descriptors);
     // The failed Open closes, and deleting the failed client closes once more.
-    EXPECT_EQ(recordedEvents(),
+    EXPECT_EQ(log.events(),
               (std::vector<int32_t> {kEventConnecting, kEventConnectTimeout, kEventClosed, kEventClosed}));
     EXPECT_EQ(PushSendFrame(handle, &video), kPushNotReady);
 }
@@ -182,8 +136,6 @@ TEST_F(PushApiTest, ConnectWaitRunningOutFailsInitWithoutUdp)
 // video connection is made and given up again.
 TEST_F(PushApiTest, UdpFailureClosesTheContextAgain)
 {
-    openReceiver();
-    PushHandle handle = PushCreate();
     EXPECT_EQ(PushInit(handle, "127.1", tcp.port()), kPushUdpFailed);
     Socket peer = tcp.accept();
     uint8_t byte;
@@ -192,26 +144,20 @@ TEST_F(PushApiTest, UdpFailureClosesTheContextAgain)
     EXPECT_EQ(PushInit(handle, "127.0.0.1", tcp.port()), kPushOk) << "nothing was left open";
 }
 
-int64_t &fakeNow()
-{
-    static int64_t now = 0;
-    return now;
-}
-
 TEST(LogRateLimiterTest, OncePerInterval)
 {
-    fakeNow() = 5'000'000;
-    LogRateLimiter limiter([] { return fakeNow(); });
+    static int64_t now = 5'000'000;
+    LogRateLimiter limiter([] { return now; });
     EXPECT_TRUE(limiter.Allow(1'000)) << "the first call";
-    fakeNow() += 999;
+    now += 999;
     EXPECT_FALSE(limiter.Allow(1'000));
-    fakeNow() += 1;
+    now += 1;
     EXPECT_TRUE(limiter.Allow(1'000));
     EXPECT_FALSE(limiter.Allow(1'000)) << "the interval restarted";
-    fakeNow() += 5'000;
+    now += 5'000;
     EXPECT_FALSE(limiter.Allow(-1)) << "a negative interval refuses";
     EXPECT_TRUE(limiter.Allow(0));
-    fakeNow() -= 10; // the wall clock stepped back
+    now -= 10; // the wall clock stepped back
     EXPECT_FALSE(limiter.Allow(1));
 }
 

@@ -91,6 +91,7 @@ struct CQueBufPoolTest : ::testing::Test {
 
 TEST_F(CQueBufPoolTest, PurgeKeepsNineAndDropsOnlyFromTheHead)
 {
+    EXPECT_EQ(pool.GetFree(0), nullptr) << "empty, no wait";
     queue(9, kSlice);
     EXPECT_EQ(pool.Purge(IsDiscardableRecord), 0) << "nine is the floor";
     queue(3, kSlice);
@@ -104,19 +105,6 @@ TEST_F(CQueBufPoolTest, PurgeKeepsNineAndDropsOnlyFromTheHead)
     queue(10, kSlice);
     EXPECT_EQ(pool.Purge(IsDiscardableRecord), 8) << "it stops at the key record, though 11 remain";
     EXPECT_EQ(pool.PopPending(0), key);
-}
-
-TEST_F(CQueBufPoolTest, TakeOldestOnlyWhenTheHeadIsDiscardable)
-{
-    EXPECT_EQ(pool.GetFree(0), nullptr) << "empty, no wait";
-    EXPECT_EQ(pool.TakeOldestIfDiscardable(0, IsDiscardableRecord), nullptr);
-    CQueBuf *key = make(kIdr);
-    pool.PutPending(key);
-    queue(3, kSlice);
-    EXPECT_EQ(pool.TakeOldestIfDiscardable(0, IsDiscardableRecord), nullptr);
-    EXPECT_EQ(pool.PendingCount(), 4) << "a key head stays where it is";
-    EXPECT_EQ(pool.PopPending(0), key);
-    EXPECT_EQ(pool.TakeOldestIfDiscardable(0, IsDiscardableRecord), buffers[1].get());
 }
 
 TEST_F(CQueBufPoolTest, OwnersRecordedUpToTheCapacityAndRetiredForGood)

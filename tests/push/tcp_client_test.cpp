@@ -162,36 +162,32 @@ TEST(CTcpClientTest, StalledReceiverDrivesOverwritePurgeAndRefusal)
         EXPECT_TRUE(type != kSps || received.count(id)) << "key frame " << id << " was lost";
 }
 
-TEST(CTcpClientTest, PeerResetClosesTheClient)
+// A peer that resets the connection, and a refused connect: a pending connect counts as made
+// once the socket is writable, and a refused one makes it writable, so Open succeeds and a
+// later write finds out. Either way the client closes itself.
+TEST(CTcpClientTest, ABrokenConnectionClosesTheClient)
 {
     Connected c;
     const linger abort {1, 0}; // close with RST
     setsockopt(c.peer.fd(), SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
     c.peer.close();
-    const auto frame = makeFrame(kSlice, 1'000);
-    bool closed = false;
-    for (int i = 0; i < 1'000 && !closed; ++i) {
-        SendVideo(c.client.get(), 0, 0, 0, frame.data(), int32_t(frame.size()));
-        closed = c.log.waitForCount(kEventClosed, 1, 20);
-    }
-    ASSERT_TRUE(closed);
-    EXPECT_EQ(c.client->Send(frame.data(), frame.data(), 100), kSendRefused);
-    EXPECT_EQ(c.client->Close(), kCloseAlreadyClosing);
-}
-
-// A pending connect counts as made once the socket is writable, and a refused connect makes
-// it writable: Open succeeds and the first write finds out.
-TEST(CTcpClientTest, RefusedConnectShowsOnTheFirstWrite)
-{
     test::RefusingPort refusing;
     EventLog log;
-    CTcpClient client;
-    ASSERT_EQ(client.Open("127.0.0.1", refusing.port, &log), kOpenOk);
+    CTcpClient refused;
+    ASSERT_EQ(refused.Open("127.0.0.1", refusing.port, &log), kOpenOk);
     EXPECT_EQ(log.events(), (std::vector<int32_t> {kEventConnecting, kEventConnected, kEventSenderStarted}));
-    const auto frame = makeFrame(kSps, 100);
-    EXPECT_EQ(SendVideo(&client, 0, 1, 0, frame.data(), 100), 100);
-    ASSERT_TRUE(log.waitForCount(kEventClosed, 1));
-    EXPECT_EQ(client.Send(frame.data(), frame.data(), 100), kSendRefused);
+
+    const auto frame = makeFrame(kSps, 1'000);
+    for (auto [client, events] : {std::pair {c.client.get(), &c.log}, std::pair {&refused, &log}}) {
+        bool closed = false;
+        for (int i = 0; i < 1'000 && !closed; ++i) {
+            SendVideo(client, 0, 1, 0, frame.data(), int32_t(frame.size()));
+            closed = events->waitForCount(kEventClosed, 1, 20);
+        }
+        ASSERT_TRUE(closed);
+        EXPECT_EQ(client->Send(frame.data(), frame.data(), 100), kSendRefused);
+        EXPECT_EQ(client->Close(), kCloseAlreadyClosing);
+    }
 }
 
 TEST(CTcpClientTest, RecvReadsOneRecordAndDistrustsItsLength)
