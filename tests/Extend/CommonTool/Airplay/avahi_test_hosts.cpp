@@ -76,6 +76,7 @@ QStringList browse(const QString &bus, const QString &type, bool resolve)
     return lines;
 }
 
+// avahi-browse -p escapes names (\DDD bytes, \. and the like); this undoes it.
 QString unescapeBrowsed(const QString &field)
 {
     const QByteArray in = field.toUtf8();
@@ -94,12 +95,17 @@ QString unescapeBrowsed(const QString &field)
     return QString::fromUtf8(out);
 }
 
-bool browseHas(const QString &bus, const QString &type, const QString &name, bool resolve)
+bool browseHas(const QString &bus, const QString &type, const QString &name)
 {
-    for (const QString &line : browse(bus, type, resolve)) {
+    for (const QString &line : browse(bus, type, false)) {
         if (unescapeBrowsed(line.section(QLatin1Char(';'), 3, 3)) == name) return true;
     }
     return false;
+}
+
+bool waitBrowsed(const QString &bus, const QString &type, const QString &name, bool present)
+{
+    return waitUntil([&] { return browseHas(bus, type, name) == present; }, std::chrono::seconds(20));
 }
 
 QByteArray recordData(const QString &fullName, quint16 type)
@@ -132,13 +138,13 @@ QByteArray recordData(const QString &fullName, quint16 type)
     return state.data;
 }
 
-
-void startPublisher(QProcess &publisher, const QString &bus, const QString &name, const QString &type, int port)
+bool startPublisher(QProcess &publisher, const QString &bus, const QString &name, const QString &type, int port)
 {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), bus);
     publisher.setProcessEnvironment(env);
     publisher.start(QStringLiteral("avahi-publish"), {QStringLiteral("-s"), name, type, QString::number(port)});
+    return waitBrowsed(bus, type, name);
 }
 
 } // namespace velocast::test
