@@ -25,6 +25,7 @@ private:
 
 // avahi-browse -t -p (with -r: resolved) for one service type, as another process sees it;
 // the lines for that type ("+;lo;IPv4;name;..." or "=;lo;IPv4;name;type;domain;host;address;port;txt").
+// A service whose host has no address record never resolves.
 QStringList browse(const QString &bus, const QString &type, bool resolve);
 // Whether an instance of that name shows in a browse.
 bool browseHas(const QString &bus, const QString &type, const QString &name);
@@ -33,8 +34,5 @@ bool waitBrowsed(const QString &bus, const QString &type, const QString &name, b
 // Another process publishing a service on the daemon behind bus (avahi-publish), until
 // the QProcess ends; true once a browse shows it.
 bool startPublisher(QProcess &publisher, const QString &bus, const QString &name, const QString &type, int port);
-// Raw rdata of one record (class IN) as a record browser on this process's daemon sees it,
-// or an empty array when none arrived.
-QByteArray recordData(const QString &fullName, quint16 type);
 
 } // namespace velocast::test

@@ -5,8 +5,6 @@
 #include "support/log_recorder.h"
 #include "support/test_support.h"
 
-#include <avahi-common/defs.h>
-
 #include <gtest/gtest.h>
 
 #include <QProcess>
@@ -141,9 +139,9 @@ TEST(DNSSDRegistrationAvahi, PublishesWithdrawsAndRepublishes)
 
     const QStringList lines = browse(hosts.bus(), "_airplay._tcp", true);
     ASSERT_EQ(lines.size(), 1) << lines.join(QLatin1Char('\n')).toStdString();
-    EXPECT_EQ(lines.first().section(QLatin1Char(';'), 1, 8),
-        QStringLiteral("lo;IPv4;Living\\032Room;_airplay._tcp;local;Living\\032Room._airplay._tcp.local;192.168.1.20;7000"));
-    EXPECT_EQ(recordData("Living Room._airplay._tcp.local", AVAHI_DNS_TYPE_TXT), QByteArray("\x03" "a=1" "\x05" "bb=22", 10));
+    // (avahi-browse lists the TXT strings last to first.)
+    EXPECT_EQ(lines.first().section(QLatin1Char(';'), 1), QStringLiteral("lo;IPv4;Living\\032Room;_airplay._tcp;local;")
+            + QStringLiteral("Living\\032Room._airplay._tcp.local;192.168.1.20;7000;\"bb=22\" \"a=1\""));
 
     r.reg.stop();
     EXPECT_EQ(r.reg.registeredName(), QString());
@@ -156,7 +154,7 @@ TEST(DNSSDRegistrationAvahi, PublishesWithdrawsAndRepublishes)
     ASSERT_TRUE(zero.startAndWait());
     EXPECT_EQ(log.count(QStringLiteral("add record error")), 1);
     EXPECT_TRUE(browseHas(hosts.bus(), "_raop._tcp", "Zero"));
-    EXPECT_EQ(recordData("Zero._raop._tcp.local", AVAHI_DNS_TYPE_A), QByteArray());
+    EXPECT_TRUE(browse(hosts.bus(), "_raop._tcp", true).isEmpty()) << "resolved without an address record";
 }
 
 // Failures reach the delegate as did-not-register then did-stop, and leave it stopped.
