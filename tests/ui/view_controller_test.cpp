@@ -1,9 +1,9 @@
-// The main window's code entry and network line. Connecting from the real window is covered
-// by end_to_end_window_test.sh.
 #include "ui/view_controller.h"
 
 #include "control/net_control.h"
+#include "support/reference_receiver.h"
 #include "support/test_support.h"
+#include "ui/miracast_controller.h"
 #include "ui/texts.h"
 
 #include <QApplication>
@@ -15,6 +15,9 @@
 #include <gtest/gtest.h>
 
 using namespace velocast;
+using velocast::test::ReferenceReceiver;
+using velocast::test::waitUntil;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -102,6 +105,30 @@ TEST(CodeEntry, NetworkLineAndAHalfTypedCodeClearedWhenTheNetworkReturns)
     w.type("4");
     w.vc->configNetName("corp.example", "10.1.2.3", false, true);
     EXPECT_EQ(w.vc->textCode(), "4");
+}
+
+// Typing and casting through the real window: end_to_end_window_test.sh. Here, what it cannot
+// see: the panel over the form and the way back to code entry.
+TEST(MainWindow, AdmissionShowsThePanelAndTheReceiversCloseBringsBackCodeEntry)
+{
+    if (!ReferenceReceiver::available()) GTEST_SKIP() << "built without the reference receiver";
+    ReferenceReceiver receiver({"--name", "<b>客厅</b>"});
+    ASSERT_TRUE(receiver.start()) << receiver.error().toStdString();
+    Window w;
+    w.control.setControlPort(receiver.controlPort());
+    w.type(receiver.code());
+    ASSERT_TRUE(waitUntil([&] { return w.vc->miracastVC() && w.vc->miracastVC()->isVisible(); }));
+    EXPECT_EQ(w.vc->miracastVC()->pcName(), "<b>客厅</b>");
+    EXPECT_FALSE(w.vc->isLoadingVisible());
+    EXPECT_TRUE(w.vc->textCode().isEmpty());
+
+    // A close that finds a heartbeat unread arrives as a reset, which the heartbeat notices.
+    MsgHeart::setTickInterval(50ms);
+    receiver.command("close");
+    ASSERT_TRUE(waitUntil([&] { return !w.vc->miracastVC()->isVisible() && w.vc->isTipVisible(); }));
+    EXPECT_EQ(w.vc->tipText(), text::kDisconnected);
+    EXPECT_TRUE(w.vc->isCodeViewVisible());
+    MsgHeart::setTickInterval(2s);
 }
 
 } // namespace
