@@ -153,8 +153,8 @@ TEST(ConnectCode, SafeCodeAndLastTwoOctets)
     EXPECT_EQ(largestSafeCode(QHostAddress("10.0.255.255")), 14);
 }
 
-// The commands the casting tests steer with (wait, grant, deny, pause, resize, stop...) are
-// checked there by their effect on the sender; these are the others and the argument forms.
+// The commands the casting tests steer with (wait, grant, pause, resize, stop...) are checked
+// there by their effect on the sender; these are the others and the default arguments.
 TEST(Commands, SteeringCommandsBuildTheirMessages)
 {
     CommandDefaults d;
@@ -168,6 +168,7 @@ TEST(Commands, SteeringCommandsBuildTheirMessages)
         {"allow", R"([{"id":"id_connect_allow","property":{"name":"Living room"}}])"},
         {"allow Other TV", R"([{"id":"id_connect_allow","property":{"name":"Other TV"}}])"},
         {"refuse 1", R"([{"id":"id_connect_refuse","property":{"msg":1}}])"},
+        {"deny", R"([{"id":"id_permission_refuse","property":{"type":2}}])"},
         {"audio on", R"([{"id":"id_audio_ctrl","property":{"type":1}}])"},
         {"mouse 8 10 20", R"([{"id":"id_pc_mk_event","property":{"type":8,"x":10,"y":20,"width":1280,"height":720,"wheel_x":0,"wheel_y":0}}])"},
         {"mouse 9 0 0 640 360 -2 3", R"([{"id":"id_pc_mk_event","property":{"type":9,"x":0,"y":0,"width":640,"height":360,"wheel_x":-2,"wheel_y":3}}])"},
