@@ -10,40 +10,35 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
-
 namespace velocast::test {
 
 namespace {
-sockaddr_in loopback(uint16_t port)
+// A TCP socket bound to an ephemeral port of 127.0.0.1, listening unless backlog is negative.
+int loopbackSocket(int backlog, sockaddr_in *address)
 {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(port);
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return a;
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    *address = sockaddr_in{};
+    address->sin_family = AF_INET;
+    address->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(fd, reinterpret_cast<sockaddr *>(address), sizeof *address);
+    if (backlog >= 0) ::listen(fd, backlog);
+    socklen_t len = sizeof *address;
+    ::getsockname(fd, reinterpret_cast<sockaddr *>(address), &len);
+    return fd;
 }
 } // namespace
 
 uint16_t refusedPort()
 {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a = loopback(0);
-    ::bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a);
-    socklen_t len = sizeof a;
-    ::getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
-    ::close(fd);
+    sockaddr_in a;
+    ::close(loopbackSocket(-1, &a));
     return ntohs(a.sin_port);
 }
 
 HangingListener::HangingListener()
 {
-    fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a = loopback(0);
-    ::bind(fd_, reinterpret_cast<sockaddr *>(&a), sizeof a);
-    ::listen(fd_, 0);
-    socklen_t len = sizeof a;
-    ::getsockname(fd_, reinterpret_cast<sockaddr *>(&a), &len);
+    sockaddr_in a;
+    fd_ = loopbackSocket(0, &a);
     port_ = ntohs(a.sin_port);
     // Backlog 0 still queues one connection; a few more make sure the queue is full.
     for (int i = 0; i < 3; ++i) {
@@ -60,14 +55,8 @@ HangingListener::~HangingListener()
 
 LoopbackPeer::LoopbackPeer()
 {
-    listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int on = 1;
-    ::setsockopt(listenFd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in a = loopback(0);
-    ::bind(listenFd_, reinterpret_cast<sockaddr *>(&a), sizeof a);
-    ::listen(listenFd_, 4);
-    socklen_t len = sizeof a;
-    ::getsockname(listenFd_, reinterpret_cast<sockaddr *>(&a), &len);
+    sockaddr_in a;
+    listenFd_ = loopbackSocket(4, &a);
     port_ = ntohs(a.sin_port);
     wakeFd_ = ::eventfd(0, EFD_CLOEXEC);
     thread_ = std::jthread([this] { run(); });
@@ -139,55 +128,9 @@ void LoopbackPeer::run()
     }
 }
 
-bool LoopbackPeer::waitForClient(int timeoutMs)
-{
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return clientFd_ >= 0; });
-}
-
-QByteArray LoopbackPeer::received() const
-{
-    std::lock_guard lock(mutex_);
-    return received_;
-}
-
-QList<QByteArray> LoopbackPeer::messages() const
-{
-    std::lock_guard lock(mutex_);
-    return messages_;
-}
-
-int LoopbackPeer::heartbeatsReceived() const
-{
-    std::lock_guard lock(mutex_);
-    return heartbeats_;
-}
-
-bool LoopbackPeer::waitForMessages(int count, int timeoutMs) const
-{
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return messages_.size() >= count; });
-}
-
-bool LoopbackPeer::waitForHeartbeats(int count, int timeoutMs) const
-{
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return heartbeats_ >= count; });
-}
-
-bool LoopbackPeer::waitForClientClosed(int timeoutMs) const
-{
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return clientClosed_; });
-}
-
 void LoopbackPeer::send(const QByteArray &bytes)
 {
-    int fd;
-    {
-        std::lock_guard lock(mutex_);
-        fd = clientFd_;
-    }
+    const int fd = locked(clientFd_);
     if (fd < 0) return;
     qsizetype off = 0;
     while (off < bytes.size()) {

@@ -4,6 +4,7 @@
 #include <QList>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -23,16 +24,18 @@ public:
     ~LoopbackPeer();
 
     uint16_t port() const { return port_; }
-    bool waitForClient(int timeoutMs = 5000);
+    bool waitForClient(int timeoutMs = 5000) const { return waitFor([this] { return clientFd_ >= 0; }, timeoutMs); }
     // Raw bytes read so far on the current connection.
-    QByteArray received() const;
+    QByteArray received() const { return locked(received_); }
     // Complete "#"-terminated messages read so far (without the "#").
-    QList<QByteArray> messages() const;
-    int heartbeatsReceived() const;
-    bool waitForMessages(int count, int timeoutMs = 5000) const;
-    bool waitForHeartbeats(int count, int timeoutMs = 5000) const;
+    QList<QByteArray> messages() const { return locked(messages_); }
+    int heartbeatsReceived() const { return locked(heartbeats_); }
+    bool waitForMessages(int count, int timeoutMs = 5000) const
+    {
+        return waitFor([&] { return messages_.size() >= count; }, timeoutMs);
+    }
     // True once the client closed its end (read returned 0 or failed).
-    bool waitForClientClosed(int timeoutMs = 5000) const;
+    bool waitForClientClosed(int timeoutMs = 5000) const { return waitFor([this] { return clientClosed_; }, timeoutMs); }
 
     void send(const QByteArray &bytes);
     void setAnswerHeartbeats(bool answer) { answerHeartbeats_ = answer; }
@@ -40,6 +43,18 @@ public:
 
 private:
     void run();
+    template <typename T>
+    T locked(const T &value) const
+    {
+        std::lock_guard lock(mutex_);
+        return value;
+    }
+    template <typename Pred>
+    bool waitFor(Pred pred, int timeoutMs) const
+    {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), pred);
+    }
 
     int listenFd_ = -1;
     uint16_t port_ = 0;

@@ -12,13 +12,6 @@ using namespace velocast::receiver::test;
 
 namespace {
 
-// A sender-style message: pretty-printed JSON with the envelope, then '#'.
-QByteArray senderMessage(const QString &id, const QJsonObject &property)
-{
-    QJsonObject o{{"id", id}, {"property", property}, {"from", 2}, {"to", 5}, {"uuid", "0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0"}};
-    return QJsonDocument(o).toJson(QJsonDocument::Indented) + "#";
-}
-
 QStringList idsOf(const QList<QByteArray> &pieces)
 {
     QStringList ids;
@@ -111,21 +104,14 @@ TEST(ParseMessage, ReadsIdAndPropertyAndIgnoresTheEnvelope)
     const ParseResult s = parseMessage(R"({"id":"id_video_pause","property":[1]})");
     ASSERT_TRUE(s.ok());
     EXPECT_TRUE(s.message.property.isEmpty());
-    EXPECT_EQ(parseMessage(R"({"id":5})").error, ParseError::MissingId);
-    EXPECT_EQ(parseMessage(R"({"id":"x",)").error, ParseError::BadJson);
 }
 
 TEST(LenientInt, NumbersStringsAndBooleansServe)
 {
     const QJsonObject o{{"n", 2.9}, {"s", " 2 "}, {"f", "-3.7"}, {"b", true}, {"x", "abc"}, {"a", QJsonArray{1}}, {"big", 1e300}};
-    EXPECT_EQ(lenientInt(o, "n"), 2);
-    EXPECT_EQ(lenientInt(o, "s"), 2);
-    EXPECT_EQ(lenientInt(o, "f"), -3);
-    EXPECT_EQ(lenientInt(o, "b"), 1);
-    EXPECT_EQ(lenientInt(o, "x"), 0);
-    EXPECT_EQ(lenientInt(o, "a"), 0);
-    EXPECT_EQ(lenientInt(o, "missing"), 0);
-    EXPECT_EQ(lenientInt(o, "big"), std::numeric_limits<qint64>::max());
+    const std::pair<const char *, qint64> cases[] = {{"n", 2}, {"s", 2}, {"f", -3}, {"b", 1}, {"x", 0}, {"a", 0}, {"missing", 0},
+                                                     {"big", std::numeric_limits<qint64>::max()}};
+    for (const auto &[key, value] : cases) EXPECT_EQ(lenientInt(o, key), value) << key;
 }
 
 TEST(FrameMessage, OneCompactObjectWithHashAndSizeLimit)
@@ -167,6 +153,8 @@ TEST(ConnectCode, SafeCodeAndLastTwoOctets)
     EXPECT_EQ(largestSafeCode(QHostAddress("10.0.255.255")), 14);
 }
 
+// The commands the casting tests steer with (wait, grant, pause, resize, stop...) are checked
+// there by their effect on the sender; these are the others and the default arguments.
 TEST(Commands, SteeringCommandsBuildTheirMessages)
 {
     CommandDefaults d;
@@ -180,20 +168,13 @@ TEST(Commands, SteeringCommandsBuildTheirMessages)
         {"allow", R"([{"id":"id_connect_allow","property":{"name":"Living room"}}])"},
         {"allow Other TV", R"([{"id":"id_connect_allow","property":{"name":"Other TV"}}])"},
         {"refuse 1", R"([{"id":"id_connect_refuse","property":{"msg":1}}])"},
-        {"wait", R"([{"id":"id_permission_wait","property":{}}])"},
-        {"grant", R"([{"id":"id_permission_allow","property":{}}])"},
         {"deny", R"([{"id":"id_permission_refuse","property":{"type":2}}])"},
-        {"resize 4", R"([{"id":"id_codec_resize","property":{"type":2,"count":4}}])"},
-        {"pause", R"([{"id":"id_video_pause","property":{"pause":true}}])"},
-        {"resume", R"([{"id":"id_video_pause","property":{"pause":false}}])"},
         {"audio on", R"([{"id":"id_audio_ctrl","property":{"type":1}}])"},
-        {"audio 0", R"([{"id":"id_audio_ctrl","property":{"type":0}}])"},
         {"mouse 8 10 20", R"([{"id":"id_pc_mk_event","property":{"type":8,"x":10,"y":20,"width":1280,"height":720,"wheel_x":0,"wheel_y":0}}])"},
         {"mouse 9 0 0 640 360 -2 3", R"([{"id":"id_pc_mk_event","property":{"type":9,"x":0,"y":0,"width":640,"height":360,"wheel_x":-2,"wheel_y":3}}])"},
         {"click 5 6", R"([{"id":"id_pc_mk_event","property":{"type":1,"x":5,"y":6,"width":1280,"height":720,"wheel_x":0,"wheel_y":0}},
                           {"id":"id_pc_mk_event","property":{"type":2,"x":5,"y":6,"width":1280,"height":720,"wheel_x":0,"wheel_y":0}}])"},
         {"rename  Big  Screen ", R"([{"id":"id_rename","property":{"name":"Big  Screen"}}])"},
-        {"stop", R"([{"id":"id_permission_disconnect","property":{"type":2}}])"},
         {"airplay-succeed", R"([{"id":"id_airplay_screen_succeed","property":{}}])"},
         {"send id_custom {\"a\": [1, \"b\"]}", R"([{"id":"id_custom","property":{"a":[1,"b"]}}])"},
     };
@@ -204,19 +185,6 @@ TEST(Commands, SteeringCommandsBuildTheirMessages)
         for (const OutgoingMessage &m : cmd.messages) got.append(QJsonObject{{"id", m.id}, {"property", m.property}});
         EXPECT_EQ(got, QJsonDocument::fromJson(c.json).array()) << c.line;
     }
-}
-
-TEST(Commands, AirplayConfigCarriesTxtDictionariesAndPortWithinOneMessage)
-{
-    CommandDefaults d;
-    const Command c = parseCommand("airplay-config 7100", d);
-    ASSERT_EQ(c.kind, CommandKind::Send);
-    const QJsonObject p = c.messages.value(0).property;
-    EXPECT_EQ(c.messages.value(0).id, "id_airplay_config");
-    EXPECT_EQ(p.value("port").toInt(), 7100);
-    EXPECT_EQ(p.value("airplay_txt").toObject().value("deviceid").toString(), d.airplayDeviceId);
-    EXPECT_FALSE(p.value("airtunes_txt").toObject().isEmpty());
-    EXPECT_FALSE(frameMessage(c.messages[0].id, p).isEmpty());
 }
 
 TEST(Commands, ControlCommandsAndErrors)

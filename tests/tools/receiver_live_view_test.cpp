@@ -115,12 +115,11 @@ TEST_F(LiveViewTest, ButtonsDragsAndDoubleClicksBecomePointerTypes)
 
 TEST_F(LiveViewTest, WheelNotchesBecomeLines)
 {
-    QWheelEvent down({10, 20}, view->mapToGlobal(QPointF(10, 20)), {}, {0, -240}, Qt::NoButton, Qt::NoModifier, Qt::NoScrollPhase, false);
-    QApplication::sendEvent(view.get(), &down);
-    QWheelEvent side({10, 20}, view->mapToGlobal(QPointF(10, 20)), {}, {120, 0}, Qt::NoButton, Qt::NoModifier, Qt::NoScrollPhase, false);
-    QApplication::sendEvent(view.get(), &side);
-    QWheelEvent tiny({10, 20}, view->mapToGlobal(QPointF(10, 20)), {}, {0, 30}, Qt::NoButton, Qt::NoModifier, Qt::NoScrollPhase, false);
-    QApplication::sendEvent(view.get(), &tiny); // less than a notch: nothing
+    // Two notches down, one to the side, less than a notch (nothing).
+    for (const QPoint angle : {QPoint(0, -240), QPoint(120, 0), QPoint(0, 30)}) {
+        QWheelEvent e({10, 20}, view->mapToGlobal(QPointF(10, 20)), {}, angle, Qt::NoButton, Qt::NoModifier, Qt::NoScrollPhase, false);
+        QApplication::sendEvent(view.get(), &e);
+    }
     EXPECT_EQ(summary(), (QList<QList<int>>{{9, 10, 20, 0, -2}, {9, 10, 20, 1, 0}}));
 }
 

@@ -50,7 +50,14 @@ inline QByteArray datagram(uint16_t seq, const QByteArray &payload, uint8_t type
     return out + payload;
 }
 
-// The sender's side of the control channel: pretty-printed JSON with the envelope, then '#'.
+// A message as the sender writes it: pretty-printed JSON with the envelope, then '#'.
+inline QByteArray senderMessage(const QString &id, const QJsonObject &property)
+{
+    const QJsonObject o{{"id", id}, {"property", property}, {"from", 2}, {"to", 5}, {"uuid", "5C0FFEE0-0000-4000-8000-000000000001"}};
+    return QJsonDocument(o).toJson(QJsonDocument::Indented) + "#";
+}
+
+// The sender's side of the control channel.
 class ControlClient {
 public:
     bool connectTo(quint16 port)
@@ -58,11 +65,7 @@ public:
         socket.connectToHost(QHostAddress::LocalHost, port);
         return velocast::test::waitUntil([&] { return socket.state() == QAbstractSocket::ConnectedState; });
     }
-    void send(const QString &id, const QJsonObject &property)
-    {
-        const QJsonObject o{{"id", id}, {"property", property}, {"from", 2}, {"to", 5}, {"uuid", "5C0FFEE0-0000-4000-8000-000000000001"}};
-        socket.write(QJsonDocument(o).toJson(QJsonDocument::Indented) + "#");
-    }
+    void send(const QString &id, const QJsonObject &property) { socket.write(senderMessage(id, property)); }
     // The next message from the receiver (reassembled across reads), or an empty id.
     ControlMessage next()
     {

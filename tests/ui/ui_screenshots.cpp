@@ -28,18 +28,33 @@
 
 namespace {
 
-bool save(QWidget *w, const QString &folder, const QString &name)
+QString folder;
+bool ok = true;
+
+// Lets pending layouts settle, then paints w into folder/name.
+void save(QWidget *w, const QString &name)
 {
     const QString path = QDir(folder).filePath(name);
-    // Let pending layouts settle before painting.
     for (int i = 0; i < 3; ++i)
         QApplication::processEvents();
-    if (!w->grab().save(path)) {
-        QTextStream(stderr) << "cannot write " << path << '\n';
-        return false;
+    if (w->grab().save(path)) {
+        QTextStream(stdout) << path << '\n';
+        return;
     }
-    QTextStream(stdout) << path << '\n';
-    return true;
+    QTextStream(stderr) << "cannot write " << path << '\n';
+    ok = false;
+}
+
+// A window of the panels' size showing a casting panel.
+velocast::MiracastController *showPanel(QWidget &window)
+{
+    window.setWindowTitle(QStringLiteral("Velocast"));
+    window.resize(480, 560);
+    auto *panel = new velocast::MiracastController(&window);
+    panel->setPcName(QStringLiteral("会议室大屏"));
+    panel->setGeometry(window.rect());
+    window.show();
+    return panel;
 }
 
 } // namespace
@@ -54,14 +69,12 @@ int main(int argc, char **argv)
         QTextStream(stderr) << "usage: ui_screenshots <output folder>\n";
         return 2;
     }
-    const QString folder = QString::fromLocal8Bit(argv[1]);
+    folder = QString::fromLocal8Bit(argv[1]);
     QDir().mkpath(folder);
-    bool ok = true;
 
     using namespace velocast;
     Preferences::setValue(QString::fromLatin1(prefkey::InitPCName), true);
     SaveDisplayName(QStringLiteral("我的电脑"));
-
     {
         // The main window as a person sees it: two digits typed on a Wi-Fi network.
         NetControl control;
@@ -79,48 +92,33 @@ int main(int argc, char **argv)
             box->setText(digit);
             vc->controlTextDidChange(box, digit);
         }
-        ok &= save(&main, folder, QStringLiteral("main-window.png"));
+        save(&main, QStringLiteral("main-window.png"));
         vc->setLoadingVisible(true);
-        ok &= save(&main, folder, QStringLiteral("main-window-connecting.png"));
+        save(&main, QStringLiteral("main-window-connecting.png"));
         vc->setLoadingVisible(false);
         vc->configNetName(QString(), QString(), true, false);
-        ok &= save(&main, folder, QStringLiteral("main-window-no-network.png"));
+        save(&main, QStringLiteral("main-window-no-network.png"));
     }
 
     QWidget window;
-    window.setWindowTitle(QStringLiteral("Velocast"));
-    window.resize(480, 560);
-    auto *panel = new MiracastController(&window);
-    panel->setPcName(QStringLiteral("会议室大屏"));
-    panel->setGeometry(window.rect());
-    window.show();
-    QApplication::processEvents();
-    ok &= save(&window, folder, QStringLiteral("panel.png"));
+    MiracastController *panel = showPanel(window);
+    save(&window, QStringLiteral("panel.png"));
     panel->miracastMenuBtn()->click();
-    QApplication::processEvents();
-    ok &= save(&window, folder, QStringLiteral("panel-roads.png"));
+    save(&window, QStringLiteral("panel-roads.png"));
     panel->miracastMenuBtn()->click();
     NotificationCenter::defaultCenter().post(QString::fromLatin1(notice::NOTICE_SHOWREQUESTVIEW));
-    QApplication::processEvents();
-    ok &= save(&window, folder, QStringLiteral("panel-waiting.png"));
-    NotificationCenter::defaultCenter().post(
-        QString::fromLatin1(notice::NOTICE_SCREENCAPTURESTATE), QVariantList { false });
+    save(&window, QStringLiteral("panel-waiting.png"));
+    NotificationCenter::defaultCenter().post(QString::fromLatin1(notice::NOTICE_SCREENCAPTURESTATE), QVariantList { false });
 
     // The first showing ever asks for a display name.
     Preferences::remove(QString::fromLatin1(prefkey::InitPCName));
     QWidget firstWindow;
-    firstWindow.resize(480, 560);
-    auto *firstPanel = new MiracastController(&firstWindow);
-    firstPanel->setPcName(QStringLiteral("会议室大屏"));
-    firstPanel->setGeometry(firstWindow.rect());
-    firstWindow.show();
-    QApplication::processEvents();
-    ok &= save(&firstWindow, folder, QStringLiteral("panel-name-prompt.png"));
+    showPanel(firstWindow);
+    save(&firstWindow, QStringLiteral("panel-name-prompt.png"));
 
     SettingController settings;
     settings.show();
-    QApplication::processEvents();
-    ok &= save(&settings, folder, QStringLiteral("settings.png"));
+    save(&settings, QStringLiteral("settings.png"));
     settings.hide();
 
     QWidget helpWindow;
@@ -130,11 +128,9 @@ int main(int argc, char **argv)
     auto *wizard = new ConnectHelpController(content);
     helpWindow.show();
     wizard->present();
-    QApplication::processEvents();
-    ok &= save(&helpWindow, folder, QStringLiteral("help-wizard.png"));
+    save(&helpWindow, QStringLiteral("help-wizard.png"));
     wizard->nextBtn()->click();
     wizard->nextPage()->nextBtn()->click();
-    QApplication::processEvents();
-    ok &= save(&helpWindow, folder, QStringLiteral("help-wizard-3.png"));
+    save(&helpWindow, QStringLiteral("help-wizard-3.png"));
     return ok ? 0 : 1;
 }

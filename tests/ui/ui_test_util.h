@@ -1,17 +1,13 @@
 #pragma once
 
-#include "common/log.h"
 #include "common/notification_center.h"
+#include "support/log_recorder.h"
 #include "support/test_support.h"
 
 #include <QCoreApplication>
 #include <QMouseEvent>
 #include <QPointer>
-#include <QStringList>
 #include <QWidget>
-
-#include <memory>
-#include <mutex>
 
 namespace velocast::test {
 
@@ -27,33 +23,6 @@ public:
 
 private:
     Observation observation_;
-};
-
-// Collects the lines written through logLine while it lives.
-class LogRecorder {
-public:
-    LogRecorder()
-    {
-        previous_ = setLogTap([lines = lines_](const char *, const QString &text) {
-            std::lock_guard lock(lines->mutex);
-            lines->list << text;
-        });
-    }
-    ~LogRecorder() { setLogTap(previous_); }
-    QStringList lines() const
-    {
-        std::lock_guard lock(lines_->mutex);
-        return lines_->list;
-    }
-    int count(const QString &line) const { return int(lines().count(line)); }
-
-private:
-    struct Lines {
-        mutable std::mutex mutex;
-        QStringList list;
-    };
-    std::shared_ptr<Lines> lines_ = std::make_shared<Lines>();
-    LogTap previous_;
 };
 
 // Runs the event loop until the object is gone. Objects released with deleteLater() from the

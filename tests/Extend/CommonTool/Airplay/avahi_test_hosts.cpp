@@ -1,11 +1,6 @@
 #include "avahi_test_hosts.h"
 
-#include "Extend/CommonTool/Airplay/AirplayDNSRegistration/qt_avahi_poll.h"
 #include "support/test_support.h"
-
-#include <avahi-client/client.h>
-#include <avahi-client/lookup.h>
-#include <avahi-common/defs.h>
 
 #include <QDir>
 #include <QFile>
@@ -76,6 +71,7 @@ QStringList browse(const QString &bus, const QString &type, bool resolve)
     return lines;
 }
 
+// avahi-browse -p escapes names (\DDD bytes, \. and the like); this undoes it.
 QString unescapeBrowsed(const QString &field)
 {
     const QByteArray in = field.toUtf8();
@@ -94,51 +90,26 @@ QString unescapeBrowsed(const QString &field)
     return QString::fromUtf8(out);
 }
 
-bool browseHas(const QString &bus, const QString &type, const QString &name, bool resolve)
+bool browseHas(const QString &bus, const QString &type, const QString &name)
 {
-    for (const QString &line : browse(bus, type, resolve)) {
+    for (const QString &line : browse(bus, type, false)) {
         if (unescapeBrowsed(line.section(QLatin1Char(';'), 3, 3)) == name) return true;
     }
     return false;
 }
 
-QByteArray recordData(const QString &fullName, quint16 type)
+bool waitBrowsed(const QString &bus, const QString &type, const QString &name, bool present)
 {
-    struct State {
-        QByteArray data;
-        bool done = false;
-    } state;
-    int error = 0;
-    AvahiClient *client = avahi_client_new(qtAvahiPoll(), AvahiClientFlags(0), nullptr, nullptr, &error);
-    if (!client) return {};
-    AvahiRecordBrowser *browser = avahi_record_browser_new(client, AVAHI_IF_UNSPEC, AVAHI_PROTO_INET,
-        fullName.toUtf8().constData(), AVAHI_DNS_CLASS_IN, type, AvahiLookupFlags(0),
-        [](AvahiRecordBrowser *, AvahiIfIndex, AvahiProtocol, AvahiBrowserEvent event, const char *, uint16_t,
-            uint16_t, const void *rdata, size_t size, AvahiLookupResultFlags, void *userdata) {
-            auto *s = static_cast<State *>(userdata);
-            if (event == AVAHI_BROWSER_NEW && s->data.isEmpty()) {
-                s->data = QByteArray(static_cast<const char *>(rdata), qsizetype(size));
-            }
-            if (event == AVAHI_BROWSER_NEW || event == AVAHI_BROWSER_ALL_FOR_NOW || event == AVAHI_BROWSER_FAILURE) {
-                s->done = true;
-            }
-        },
-        &state);
-    if (browser) {
-        waitUntil([&] { return state.done; }, std::chrono::seconds(10));
-        avahi_record_browser_free(browser);
-    }
-    avahi_client_free(client);
-    return state.data;
+    return waitUntil([&] { return browseHas(bus, type, name) == present; }, std::chrono::seconds(20));
 }
 
-
-void startPublisher(QProcess &publisher, const QString &bus, const QString &name, const QString &type, int port)
+bool startPublisher(QProcess &publisher, const QString &bus, const QString &name, const QString &type, int port)
 {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), bus);
     publisher.setProcessEnvironment(env);
     publisher.start(QStringLiteral("avahi-publish"), {QStringLiteral("-s"), name, type, QString::number(port)});
+    return waitBrowsed(bus, type, name);
 }
 
 } // namespace velocast::test

@@ -25,16 +25,14 @@ private:
 
 // avahi-browse -t -p (with -r: resolved) for one service type, as another process sees it;
 // the lines for that type ("+;lo;IPv4;name;..." or "=;lo;IPv4;name;type;domain;host;address;port;txt").
+// A service whose host has no address record never resolves.
 QStringList browse(const QString &bus, const QString &type, bool resolve);
-// avahi-browse -p escapes names (\DDD bytes, \. and the like); this undoes it.
-QString unescapeBrowsed(const QString &field);
 // Whether an instance of that name shows in a browse.
-bool browseHas(const QString &bus, const QString &type, const QString &name, bool resolve = false);
+bool browseHas(const QString &bus, const QString &type, const QString &name);
+// Waits (20 s at most) until the instance shows, or with present false, until it is gone.
+bool waitBrowsed(const QString &bus, const QString &type, const QString &name, bool present = true);
 // Another process publishing a service on the daemon behind bus (avahi-publish), until
-// the QProcess is killed.
-void startPublisher(QProcess &publisher, const QString &bus, const QString &name, const QString &type, int port);
-// Raw rdata of one record (class IN) as a record browser on this process's daemon sees it,
-// or an empty array when none arrived.
-QByteArray recordData(const QString &fullName, quint16 type);
+// the QProcess ends; true once a browse shows it.
+bool startPublisher(QProcess &publisher, const QString &bus, const QString &name, const QString &type, int port);
 
 } // namespace velocast::test
