@@ -43,6 +43,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <random>
 #include <time.h>
 #include <vector>
 
@@ -85,6 +86,8 @@ int animate(const QString &mode)
         for (int x = 0; x < 2 * w; x += 300) XDrawString(d, art, gc, x + 4, y, "The quick brown fox 0123456789", 30);
     XSync(d, False);
     const uint64_t period = 1'000'000'000u / 30;
+    std::mt19937_64 rng(monotonicNs());
+    std::uniform_int_distribution<uint64_t> jitter(0, period - 1);
     uint64_t next = monotonicNs();
     for (uint64_t n = 0;; ++n) {
         bool changed = true;
@@ -92,6 +95,13 @@ int animate(const QString &mode)
             XCopyArea(d, art, win, gc, int((n * 12) % uint64_t(w)), 0, unsigned(w), unsigned(h), 0, 0);
         } else {
             changed = n % 15 == 0;
+            // At a random point of the frame period: the capture ticks at the same rate, and
+            // a fixed phase between the two would fix the wait for the next tick.
+            if (changed) {
+                const uint64_t at = monotonicNs() + jitter(rng);
+                const timespec until{time_t(at / 1'000'000'000u), long(at % 1'000'000'000u)};
+                clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);
+            }
             // A text field with a blinking cursor and a clock, on a plain background; like a
             // real desktop, each is drawn only when it changes.
             if (n == 0) {

@@ -184,13 +184,18 @@ struct SliceHead {
     uint32_t frameNum = 0;
 };
 
-std::optional<SliceHead> readSliceHead(std::span<const uint8_t> nal, const SkipPictureParams &params)
+// Three Exp-Golomb fields and frame_num take at most 3 x 63 + 16 bits, 26 bytes; with one
+// emulation prevention byte in every three at worst, 48 bytes of the unit hold them.
+constexpr size_t kSliceHeadBytes = 48;
+
+// whole: the entire payload (to rewrite it), or just enough to read frame_num.
+std::optional<SliceHead> readSliceHead(std::span<const uint8_t> nal, const SkipPictureParams &params, bool whole)
 {
     if (nal.size() < 2) return std::nullopt;
     const int type = nal[0] & 0x1F;
     if (type != kSliceNonIdr && type != kSliceIdr) return std::nullopt;
     SliceHead head;
-    head.rbsp = unescapeRbsp(nal);
+    head.rbsp = unescapeRbsp(whole ? nal : nal.first(std::min(nal.size(), kSliceHeadBytes)));
     BitReader r(head.rbsp);
     r.ue(); // first_mb_in_slice
     r.ue(); // slice_type
@@ -287,14 +292,14 @@ std::vector<uint8_t> makeSkipSlice(const SkipPictureParams &params, uint32_t fra
 
 std::optional<uint32_t> sliceFrameNum(std::span<const uint8_t> nal, const SkipPictureParams &params)
 {
-    const auto head = readSliceHead(nal, params);
+    const auto head = readSliceHead(nal, params, false);
     if (!head) return std::nullopt;
     return head->frameNum;
 }
 
 std::vector<uint8_t> rewriteSliceFrameNum(std::span<const uint8_t> nal, const SkipPictureParams &params, uint32_t frameNum)
 {
-    auto head = readSliceHead(nal, params);
+    auto head = readSliceHead(nal, params, true);
     if (!head) return {};
     const uint32_t value = frameNum % params.maxFrameNum();
     for (int i = 0; i < params.log2MaxFrameNum; ++i) {
