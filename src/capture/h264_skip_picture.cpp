@@ -320,7 +320,16 @@ std::vector<uint8_t> rewriteSliceFrameNum(std::span<const uint8_t> nal, const Sk
 
 bool SkipPictureStream::setParameterSets(std::span<const uint8_t> sps, std::span<const uint8_t> pps, std::string *reason)
 {
-    params_ = parseSkipPictureParams(sps, pps, reason);
+    // The same sets again (new caps that say the same): the stream goes on as it is.
+    if (std::ranges::equal(sps, sps_) && std::ranges::equal(pps, pps_) && !sps_.empty()) {
+        if (!params_ && reason) *reason = refusal_;
+        return params_.has_value();
+    }
+    sps_.assign(sps.begin(), sps.end());
+    pps_.assign(pps.begin(), pps.end());
+    refusal_.clear();
+    params_ = parseSkipPictureParams(sps, pps, &refusal_);
+    if (reason) *reason = refusal_;
     // New parameter sets come with a key frame; numbering starts again there.
     started_ = false;
     return params_.has_value();

@@ -96,6 +96,8 @@ public:
 private:
     const int keyInterval_;
     std::optional<SkipPictureParams> params_;
+    std::vector<uint8_t> sps_, pps_; // the sets params_ was read from
+    std::string refusal_;
     bool started_ = false;       // a key frame went out
     int sinceKey_ = 0;           // pictures since the last key frame, that one included
     bool injectedSinceKey_ = false;
