@@ -11,9 +11,17 @@
 //   moving: the whole screen scrolls every frame;
 //   still:  a text field whose cursor blinks twice a second and a clock that changes once a
 //           second, on a quiet desktop.
+//
+// Latency, all on CLOCK_MONOTONIC (one machine, one clock):
+//   capture -> written: a picture's capture tick to the moment the last byte of its record
+//     went to the socket (the push engine's record hook);
+//   end to end: the content process reports the time each change was on the screen (after
+//     XSync); the receiver (--log-frames) reports when it read each record; the first record
+//     whose picture was captured after the change is the first one holding it.
 #include "capture/session/mac_screen_capture.h"
 #include "control/net_control.h"
 #include "push/bridge/camera_encoder.h"
+#include "push/record_observer.h"
 #include "support/reference_receiver.h"
 #include "support/test_support.h"
 
@@ -35,6 +43,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <random>
 #include <time.h>
 #include <vector>
 
@@ -77,11 +86,22 @@ int animate(const QString &mode)
         for (int x = 0; x < 2 * w; x += 300) XDrawString(d, art, gc, x + 4, y, "The quick brown fox 0123456789", 30);
     XSync(d, False);
     const uint64_t period = 1'000'000'000u / 30;
+    std::mt19937_64 rng(monotonicNs());
+    std::uniform_int_distribution<uint64_t> jitter(0, period - 1);
     uint64_t next = monotonicNs();
     for (uint64_t n = 0;; ++n) {
+        bool changed = true;
         if (mode == "moving") {
             XCopyArea(d, art, win, gc, int((n * 12) % uint64_t(w)), 0, unsigned(w), unsigned(h), 0, 0);
         } else {
+            changed = n % 15 == 0;
+            // At a random point of the frame period: the capture ticks at the same rate, and
+            // a fixed phase between the two would fix the wait for the next tick.
+            if (changed) {
+                const uint64_t at = monotonicNs() + jitter(rng);
+                const timespec until{time_t(at / 1'000'000'000u), long(at % 1'000'000'000u)};
+                clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);
+            }
             // A text field with a blinking cursor and a clock, on a plain background; like a
             // real desktop, each is drawn only when it changes.
             if (n == 0) {
@@ -103,7 +123,12 @@ int animate(const QString &mode)
                 XDrawString(d, win, gc, w - 110, h - 12, clock, len);
             }
         }
-        XFlush(d);
+        if (changed) {
+            // On the screen once the server answered: the time a change is there to capture.
+            XSync(d, False);
+            std::printf("change %llu\n", (unsigned long long)monotonicNs());
+            std::fflush(stdout);
+        }
         next += period;
         const timespec until{time_t(next / 1'000'000'000u), long(next % 1'000'000'000u)};
         clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);
@@ -133,35 +158,86 @@ struct Turn {
     double cpuPerFrameMs = 0;
     double fps = 0;
     double droppedPercent = 0;
-    std::vector<double> latencyMs; // capture -> access unit queued for the socket
+    std::vector<double> latencyMs;    // capture -> last byte of the record written to the socket
+    std::vector<double> endToEndMs;   // change on the screen -> first record holding it read by the receiver
 };
 
-class LatencyProbe final : public capture::H264OutputObserver {
+// Follows every video record of a cast: the capture time of its picture (the encoder's
+// observer runs right after the record was queued, on the same thread) and when it was
+// written. Installed once for the whole program (the push engine's hook must outlive it).
+class RecordTimes final : public capture::H264OutputObserver, public push::RecordObserver {
 public:
+    struct Record {
+        uint64_t capturedNs = 0;
+        uint64_t writtenNs = 0;
+    };
+
+    void queued(uint32_t record) override { pending_.store(int64_t(record)); }
     void didDeliver(capture::MediaTime timestamp, size_t, bool) override
     {
+        const int64_t record = pending_.exchange(-1);
         const uint64_t ns = timestamp.toNanoseconds();
+        if (record < 0 || ns == GST_CLOCK_TIME_NONE) return;
+        std::lock_guard lock(mutex_);
+        if (size_t(record) >= captured_.size()) captured_.resize(size_t(record) + 1, 0);
+        captured_[size_t(record)] = ns;
+    }
+    void written(uint32_t record) override
+    {
         const uint64_t now = monotonicNs();
-        if (ns == GST_CLOCK_TIME_NONE || ns > now) return;
         std::lock_guard lock(mutex_);
-        if (armed_) samples_.push_back(double(now - ns) / 1e6);
+        written_.push_back({record, now});
     }
-    void arm(bool on)
+    // A new cast numbers its records from 0 again.
+    void reset()
     {
         std::lock_guard lock(mutex_);
-        armed_ = on;
+        captured_.clear();
+        written_.clear();
+        pending_.store(-1);
     }
-    std::vector<double> take()
+    // The records in the order they were written (and read by the receiver), with times;
+    // a record whose capture time is unknown has 0.
+    std::vector<Record> inWriteOrder() const
     {
         std::lock_guard lock(mutex_);
-        return std::exchange(samples_, {});
+        std::vector<Record> out;
+        out.reserve(written_.size());
+        for (const auto &[record, at] : written_) out.push_back({record < captured_.size() ? captured_[record] : 0, at});
+        return out;
     }
 
 private:
-    std::mutex mutex_;
-    bool armed_ = false;
-    std::vector<double> samples_;
+    mutable std::mutex mutex_;
+    std::atomic<int64_t> pending_{-1};
+    std::vector<uint64_t> captured_;                    // by record number
+    std::vector<std::pair<uint32_t, uint64_t>> written_; // record number, time
 };
+
+RecordTimes &recordTimes()
+{
+    static RecordTimes *times = [] {
+        auto *t = new RecordTimes; // never freed: the push engine may call it until exit
+        push::SetRecordObserver(t);
+        return t;
+    }();
+    return *times;
+}
+
+// Change times the content process printed ("change NS" lines) since the last call; a line
+// not complete yet waits in rest.
+std::vector<uint64_t> changeTimes(QProcess &animator, QByteArray &rest)
+{
+    rest += animator.readAllStandardOutput();
+    std::vector<uint64_t> out;
+    qsizetype end = 0;
+    for (qsizetype nl; (nl = rest.indexOf('\n', end)) >= 0; end = nl + 1) {
+        const QByteArray line = rest.mid(end, nl - end);
+        if (line.startsWith("change ")) out.push_back(line.mid(7).toULongLong());
+    }
+    rest.remove(0, end);
+    return out;
+}
 
 void pump(std::chrono::milliseconds d)
 {
@@ -172,9 +248,9 @@ void pump(std::chrono::milliseconds d)
     }
 }
 
-bool ourTurn(int seconds, Turn &out)
+bool ourTurn(int seconds, Turn &out, QProcess &animator)
 {
-    test::ReferenceReceiver receiver;
+    test::ReferenceReceiver receiver({"--log-frames"});
     if (!receiver.start()) {
         std::fprintf(stderr, "receiver: %s\n", qPrintable(receiver.error()));
         return false;
@@ -188,6 +264,8 @@ bool ourTurn(int seconds, Turn &out)
     });
     test::waitUntil([&] { return done; }, 10s);
     if (!connected) return false;
+    RecordTimes &times = recordTimes();
+    times.reset();
     MacScreenCapture capture;
     capture.setIpStr("127.0.0.1");
     capture.setVPort(receiver.mediaPort());
@@ -195,19 +273,21 @@ bool ourTurn(int seconds, Turn &out)
     capture.startPut();
     if (!test::waitUntil([&] { return capture.isPutting(); }, 20s) || !receiver.waitForEvent("media_connected", {}, 20s)) return false;
     receiver.command("audio on");
-    LatencyProbe probe;
-    capture.cameraEncoder()->h264Encoder()->setOutputObserver(&probe);
+    capture.cameraEncoder()->h264Encoder()->setOutputObserver(&times);
     pump(2s); // the encoder settles, the first key frame is out
-    probe.take();
-    probe.arm(true);
+    QByteArray rest;
+    changeTimes(animator, rest);
     const double cpu0 = processCpuSeconds();
     const uint64_t f0 = capture.sampleCounts().videoForwarded;
     const uint64_t t0 = monotonicNs();
     pump(std::chrono::seconds(seconds));
     const double cpu1 = processCpuSeconds();
     const uint64_t f1 = capture.sampleCounts().videoForwarded;
-    const double elapsed = double(monotonicNs() - t0) / 1e9;
-    probe.arm(false);
+    const uint64_t t1 = monotonicNs();
+    const double elapsed = double(t1 - t0) / 1e9;
+    std::vector<uint64_t> changes = changeTimes(animator, rest);
+    std::erase_if(changes, [&](uint64_t c) { return c < t0 || c >= t1; });
+    pump(500ms); // the receiver reads and reports the last records of the window
     capture.cameraEncoder()->h264Encoder()->setOutputObserver(nullptr);
     capture.stopPut();
     test::waitUntil([&] { return !capture.isPutting(); }, 10s);
@@ -217,7 +297,21 @@ bool ourTurn(int seconds, Turn &out)
     out.cpuPerFrameMs = frames > 0 ? (cpu1 - cpu0) * 1000 / frames : 0;
     out.fps = frames / elapsed;
     out.droppedPercent = std::max(0.0, 100.0 * (30 * elapsed - frames) / (30 * elapsed));
-    out.latencyMs = probe.take();
+    const std::vector<RecordTimes::Record> records = times.inWriteOrder();
+    for (const RecordTimes::Record &r : records)
+        if (r.capturedNs >= t0 && r.capturedNs < t1 && r.writtenNs >= r.capturedNs) out.latencyMs.push_back(double(r.writtenNs - r.capturedNs) / 1e6);
+    // The receiver's n-th record (from 1) is the n-th one written.
+    std::vector<uint64_t> readNs(records.size(), 0);
+    for (const QJsonObject &e : receiver.events("video_frame")) {
+        const qint64 n = e.value("n").toInteger();
+        if (n >= 1 && size_t(n) <= readNs.size()) readNs[size_t(n - 1)] = uint64_t(e.value("read_us").toInteger()) * 1000;
+    }
+    size_t first = 0;
+    for (const uint64_t change : changes) {
+        while (first < records.size() && records[first].capturedNs < change) ++first;
+        if (first == records.size()) break;
+        if (readNs[first] > change) out.endToEndMs.push_back(double(readNs[first] - change) / 1e6);
+    }
     const QJsonObject report = receiver.events("media_report").value(0);
     if (report.value("violation_count").toInt() != 0)
         std::fprintf(stderr, "receiver saw violations: %s\n", QJsonDocument(report).toJson(QJsonDocument::Compact).constData());
@@ -302,12 +396,13 @@ int main(int argc, char **argv)
         animator.waitForStarted();
         pump(1s);
         std::vector<Turn> ours, theirs;
-        std::vector<double> latency;
+        std::vector<double> latency, endToEnd;
         for (int t = 0; t < turns; ++t) {
             Turn a, b;
-            if (ourTurn(seconds, a)) {
+            if (ourTurn(seconds, a, animator)) {
                 ours.push_back(a);
                 latency.insert(latency.end(), a.latencyMs.begin(), a.latencyMs.end());
+                endToEnd.insert(endToEnd.end(), a.endToEndMs.begin(), a.endToEndMs.end());
             }
             if (ffmpegTurn(seconds, b, screen)) theirs.push_back(b);
             std::printf("  %-6s turn %d: velocast %.2f ms/frame %.1f fps %.1f%% dropped | ffmpeg %.2f ms/frame %.1f fps %.1f%% dropped\n",
@@ -323,9 +418,11 @@ int main(int argc, char **argv)
         };
         const double us = mean(ours, &Turn::cpuPerFrameMs), them = mean(theirs, &Turn::cpuPerFrameMs);
         std::printf("%-6s velocast %.2f ms/frame (%.1f fps, %.2f%% dropped), ffmpeg %.2f ms/frame (%.1f fps), ratio %.2f; "
-                    "capture->queued for the socket p50 %.2f ms p95 %.2f ms (%zu frames)\n",
+                    "capture->written to the socket p50 %.2f ms p95 %.2f ms (%zu frames); "
+                    "screen change->read by the receiver p50 %.2f ms p95 %.2f ms (%zu changes)\n",
                     qPrintable(mode), us, mean(ours, &Turn::fps), mean(ours, &Turn::droppedPercent), them, mean(theirs, &Turn::fps),
-                    them > 0 ? us / them : 0, percentile(latency, 0.5), percentile(latency, 0.95), latency.size());
+                    them > 0 ? us / them : 0, percentile(latency, 0.5), percentile(latency, 0.95), latency.size(),
+                    percentile(endToEnd, 0.5), percentile(endToEnd, 0.95), endToEnd.size());
         std::fflush(stdout);
     }
     return 0;

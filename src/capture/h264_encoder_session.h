@@ -56,6 +56,8 @@ public:
     virtual void completeFrames() = 0;
     // True once an output sample was delivered.
     virtual bool producedOutput() const = 0;
+    // Coded pictures of skipped macroblocks sent in place of unchanged pictures.
+    virtual uint64_t skippedPictures() const { return 0; }
 };
 
 // The encoder elements in the order they are tried: hardware first, then software.

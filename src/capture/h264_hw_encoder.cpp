@@ -78,6 +78,7 @@ void H264HWEncoder::encode(const MediaSample &picture)
         // The error itself was logged when the encoder reported it; this picture is lost
         // and the next one builds a new session.
         if (!session_->producedOutput()) unusable_.insert(session_->encoderName());
+        skippedBefore_ += session_->skippedPictures();
         session_.reset();
     }
 }
@@ -139,14 +140,24 @@ void H264HWEncoder::invalidate()
         std::lock_guard lock(mutex_);
         closing = std::move(session_);
     }
-    if (closing) closing->completeFrames();
+    if (!closing) return;
+    closing->completeFrames();
+    std::lock_guard lock(mutex_);
+    skippedBefore_ += closing->skippedPictures();
 }
 
 void H264HWEncoder::invalidateLocked()
 {
     if (!session_) return;
     session_->completeFrames();
+    skippedBefore_ += session_->skippedPictures();
     session_.reset();
+}
+
+uint64_t H264HWEncoder::skippedPictures() const
+{
+    std::lock_guard lock(mutex_);
+    return skippedBefore_ + (session_ ? session_->skippedPictures() : 0);
 }
 
 bool H264HWEncoder::hasSession() const

@@ -83,6 +83,10 @@ public:
     std::string chosenEncoderName() const;
     bool chosenEncoderIsHardware() const;
 
+    // Coded pictures of skipped macroblocks sent in place of unchanged pictures, over all
+    // sessions so far.
+    uint64_t skippedPictures() const;
+
     // Replaces the list of encoder elements tried (tests force one path with it).
     void setEncoderChain(std::vector<std::string> chain);
 
@@ -110,6 +114,7 @@ private:
     std::string chosenName_;
     bool chosenHardware_ = false;
     std::unique_ptr<H264EncoderSession> session_;
+    uint64_t skippedBefore_ = 0; // by the sessions closed so far; under mutex_
 };
 
 } // namespace velocast::capture

@@ -67,6 +67,9 @@ public:
     GstBuffer *buffer() const { return buffer_.get(); }
     MediaTime presentationTime() const { return pts_; }
     bool isSync() const { return sync_; }
+    // A raw picture that is the one handed out just before, unchanged (an idle screen).
+    bool isRepeat() const { return repeat_; }
+    void setRepeat(bool repeat) { repeat_ = repeat; }
     // Null when the sample has no parameter set at that index.
     const ByteVector *parameterSet(size_t index) const;
     size_t parameterSetCount() const { return parameterSets_ ? parameterSets_->size() : 0; }
@@ -82,6 +85,7 @@ private:
     std::shared_ptr<GstBuffer> buffer_;
     MediaTime pts_;
     bool sync_ = true;
+    bool repeat_ = false;
     std::shared_ptr<const std::vector<ByteVector>> parameterSets_;
     std::string format_;
     int width_ = 0;

@@ -159,7 +159,10 @@ void PicturePacer::run(std::stop_token stop)
             picture = MediaSample::rawVideo(GstBufferPtr(gst_buffer_ref(latest_)), "NV12", latestWidth_, latestHeight_,
                                             MediaTime::fromNanoseconds(tick));
             ++stats_.ticks;
-            if (!std::exchange(fresh_, false)) ++stats_.repeated;
+            if (!std::exchange(fresh_, false)) {
+                ++stats_.repeated;
+                picture.setRepeat(true);
+            }
         }
         handler_(picture);
     }

@@ -4,7 +4,9 @@
 // thread); each is converted at once into a pooled NV12 picture (BT.709, video range). The
 // pacer's own thread ticks at the frame rate and hands the newest picture to the handler at
 // every tick, again when nothing new came: an unchanged screen costs neither a capture nor
-// a conversion, and the stream keeps its rate (and the encoder its key-frame rhythm).
+// a conversion, and the stream keeps its rate (and the encoder its key-frame rhythm). A
+// picture handed out again is marked as a repeat (MediaSample::isRepeat), so that the
+// encoder can send a coded copy instead of encoding it.
 //
 // A source that pulls instead (X11) does its capture in the refresh callback, which runs on
 // the pacer's thread at the start of every tick, before the picture goes out.

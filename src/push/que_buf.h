@@ -39,6 +39,9 @@ public:
     int32_t Alignment() const { return alignment_; }
     uint8_t *Data() { return data_; }
     const uint8_t *Data() const { return data_; }
+    // The owner's number for what the buffer holds (the TCP client's record number).
+    uint32_t Tag() const { return tag_; }
+    void SetTag(uint32_t tag) { tag_ = tag; }
 
 private:
     int32_t capacity_ = 0;
@@ -47,6 +50,7 @@ private:
     std::unique_ptr<uint8_t[]> storage_;
     uint8_t *data_ = nullptr;
     int32_t offset_ = 0;
+    uint32_t tag_ = 0;
 };
 
 // A fixed set of buffers that circulate between a free list and a pending list (both FIFO)

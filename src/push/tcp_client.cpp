@@ -45,7 +45,11 @@ int32_t statedPayloadLength(const CQueBuf &record)
     return int32_t(wire::le32(record.Data() + record.Offset() + 4));
 }
 
+std::atomic<RecordObserver *> recordObserver{nullptr};
+
 } // namespace
+
+void SetRecordObserver(RecordObserver *observer) { recordObserver.store(observer); }
 
 bool IsDiscardableRecord(const CQueBuf &record)
 {
@@ -329,7 +333,10 @@ int32_t CTcpClient::Send(const void *header24, const void *payload, int32_t leng
     const int32_t payloadBytes = std::min(length, capacity - headerBytes);
     std::memcpy(buffer->Data() + headerBytes, bytes, size_t(payloadBytes));
     buffer->SetLength(headerBytes + payloadBytes);
+    buffer->SetTag(packetNo);
     pool_.PutPending(buffer);
+    if (RecordObserver *observer = recordObserver.load(std::memory_order_relaxed))
+        observer->queued(packetNo);
     return result;
 }
 
@@ -352,6 +359,8 @@ void CTcpClient::senderMain()
             closeInternal();
             break;
         }
+        if (RecordObserver *observer = recordObserver.load(std::memory_order_relaxed))
+            observer->written(record->Tag());
         pool_.PutFree(record);
     }
     {

@@ -12,6 +12,7 @@
 #include "push/media_wire_format.h"
 #include "push/net_client.h"
 #include "push/que_buf.h"
+#include "push/record_observer.h"
 #include "push/socket.h"
 
 #include <atomic>

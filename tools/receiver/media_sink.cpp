@@ -7,6 +7,8 @@
 #include <QJsonDocument>
 #include <QNetworkDatagram>
 
+#include <time.h>
+
 namespace velocast::receiver {
 
 namespace {
@@ -107,6 +109,10 @@ void MediaSink::onVideoData(int number)
     while (s.socket && s.socket->bytesAvailable() > 0) {
         const QByteArray bytes = s.socket->read(kReadChunk);
         if (bytes.isEmpty()) break;
+        // When the records completed by these bytes were read, on the system's monotonic
+        // clock (a sender on the same machine measures its latency against it).
+        timespec readAt{};
+        if (options_.logFrames) clock_gettime(CLOCK_MONOTONIC, &readAt);
         QList<VideoRecordParser::Record> records;
         Issues issues;
         s.parser.feed(bytes.constData(), bytes.size(), &records, &issues);
@@ -120,7 +126,8 @@ void MediaSink::onVideoData(int number)
                 log_->log(QStringLiteral("video_frame"), {{QStringLiteral("stream"), number},
                                                           {QStringLiteral("n"), s.checker.frames()},
                                                           {QStringLiteral("key"), key},
-                                                          {QStringLiteral("bytes"), qint64(r.payload.size())}});
+                                                          {QStringLiteral("bytes"), qint64(r.payload.size())},
+                                                          {QStringLiteral("read_us"), qint64(readAt.tv_sec) * 1'000'000 + readAt.tv_nsec / 1000}});
             if (openOutput(videoFile_, QStringLiteral("video.h264"))) videoFile_.write(r.payload);
             emit videoFrame(r.payload, key);
         }

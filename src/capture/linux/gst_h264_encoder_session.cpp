@@ -8,13 +8,23 @@
 // 4-byte length-prefixed NAL units, with SPS and PPS in the avcC codec_data of the caps.
 // videoconvertscale does the output-size scaling and the format conversion some encoders
 // need (openh264enc takes I420 only); it passes through when nothing needs changing.
+//
+// A picture marked as a repeat of the one before does not reach the encoder when the
+// encoder's parameter sets allow it (h264_skip_picture.h): a probe on the appsrc's pad,
+// on the streaming thread and so in order with the encoder's output, sends a coded picture
+// of skipped macroblocks in its place, as long as the encoder holds no picture of its own
+// (x264 with zerolatency and one thread hands each picture out before taking the next).
+// The encoder's own slices then get the stream's frame_num, and its key frame is forced
+// when the stream's count asks for one.
 #include "capture/h264_encoder_session.h"
 
 #include "capture/avc_config.h"
+#include "capture/h264_skip_picture.h"
 #include "common/log.h"
 
 #include <gst/app/gstappsink.h>
 #include <gst/app/gstappsrc.h>
+#include <gst/video/video.h>
 
 #include <atomic>
 #include <chrono>
@@ -32,6 +42,8 @@ constexpr const char *kChain[] = {"vah264lpenc", "vah264enc", "vaapih264enc", "n
 // encoder must lose frames rather than build up latency in a live cast.
 constexpr guint kMaxQueuedPictures = 3;
 constexpr auto kFlushTimeout = std::chrono::seconds(3);
+// Our mark on a picture's buffer: it repeats the picture handed in before.
+constexpr GstBufferFlags kRepeatFlag = GST_BUFFER_FLAG_LAST;
 
 int64_t kbit(int64_t bitrate) { return std::max<int64_t>(1, bitrate / 1000); }
 
@@ -154,18 +166,21 @@ const EncoderProfile *findProfile(std::string_view name)
 class GstH264EncoderSession final : public H264EncoderSession {
 public:
     GstH264EncoderSession(const EncoderProfile &profile, H264EncoderSettings settings, OutputFn onOutput, ErrorFn onError)
-        : profile_(profile), name_(profile.name), settings_(std::move(settings)), onOutput_(std::move(onOutput)), onError_(std::move(onError))
+        : profile_(profile), name_(profile.name), settings_(std::move(settings)), onOutput_(std::move(onOutput)), onError_(std::move(onError)),
+          skip_(settings_.maxKeyFrameInterval)
     {
     }
 
     ~GstH264EncoderSession() override
     {
-        if (!pipeline_) return;
-        // NULL joins the streaming threads; only then may the callbacks' "this" go away.
-        gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
-        GstBus *bus = gst_element_get_bus(pipeline_.get());
-        gst_bus_set_sync_handler(bus, nullptr, nullptr, nullptr);
-        gst_object_unref(bus);
+        if (pipeline_) {
+            // NULL joins the streaming threads; only then may the callbacks' "this" go away.
+            gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
+            GstBus *bus = gst_element_get_bus(pipeline_.get());
+            gst_bus_set_sync_handler(bus, nullptr, nullptr, nullptr);
+            gst_object_unref(bus);
+        }
+        if (encoderSink_) gst_object_unref(encoderSink_);
     }
 
     bool build(H264EncoderSetupStatus &status)
@@ -237,6 +252,10 @@ public:
 
         appsrc_ = src;
         encoder_ = enc;
+        GstPad *srcPad = gst_element_get_static_pad(src, "src");
+        gst_pad_add_probe(srcPad, GST_PAD_PROBE_TYPE_BUFFER, &GstH264EncoderSession::onPicture, this, nullptr);
+        gst_object_unref(srcPad);
+        encoderSink_ = gst_element_get_static_pad(enc, "sink");
         const bool started = gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING) != GST_STATE_CHANGE_FAILURE && !failed_.load();
         status.start = started ? 0 : -1;
         return started;
@@ -254,6 +273,10 @@ public:
             return EncodeResult::NeedsNewSession;
         // A shallow copy: the planes are shared, only our time stamp is new.
         GstBuffer *buffer = gst_buffer_copy(picture.buffer());
+        if (picture.isRepeat())
+            GST_BUFFER_FLAG_SET(buffer, kRepeatFlag);
+        else
+            GST_BUFFER_FLAG_UNSET(buffer, kRepeatFlag);
         GST_BUFFER_PTS(buffer) = nextTimestamp(picture.presentationTime().toNanoseconds());
         GST_BUFFER_DTS(buffer) = GST_CLOCK_TIME_NONE;
         GST_BUFFER_DURATION(buffer) = GST_CLOCK_TIME_NONE;
@@ -276,7 +299,11 @@ public:
         std::unique_lock lock(mutex_);
         if (!flushed_.wait_for(lock, kFlushTimeout, [this] { return eos_ || failed_.load(); }))
             logLine(lcCapture(), QStringLiteral("H264HWEncoder: %1 did not finish its frames in time").arg(QString::fromStdString(name_)));
+        if (skipped_.load() > 0)
+            logLine(lcCapture(), QStringLiteral("H264HWEncoder: %1 skipped pictures sent in place of unchanged ones").arg(skipped_.load()));
     }
+
+    uint64_t skippedPictures() const override { return skipped_.load(); }
 
 private:
     // Timestamps must rise strictly for the encoder's rate control; a missing or repeated
@@ -303,9 +330,20 @@ private:
         // running time is the time that went in.
         const GstClockTime pts = gst_segment_to_running_time(gst_sample_get_segment(sample.get()), GST_FORMAT_TIME, GST_BUFFER_PTS(buffer));
         const bool sync = !GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
+        ++that->fromEncoder_;
+        GstBufferPtr out(gst_buffer_ref(buffer));
+        if (that->skip_.enabled()) {
+            // The stream's frame_num, when skipped pictures went out since the key frame.
+            std::vector<uint8_t> renumbered;
+            {
+                MappedBuffer bytes(buffer);
+                if (bytes.ok()) renumbered = that->skip_.takeEncoderPicture(bytes.bytes(), sync);
+            }
+            if (!renumbered.empty()) out.reset(wrapBytes(std::move(renumbered), buffer));
+        }
         // Shared, not copied: the packetiser leaves out the SPS and PPS (and access unit
         // delimiters) that byte-stream encoders repeat inside their frames.
-        const MediaSample compressed = MediaSample::h264(GstBufferPtr(gst_buffer_ref(buffer)),
+        const MediaSample compressed = MediaSample::h264(std::move(out),
                                                          pts == GST_CLOCK_TIME_NONE ? MediaTime() : MediaTime::fromNanoseconds(pts),
                                                          sync, that->parameterSets_);
         that->produced_.store(true);
@@ -330,6 +368,61 @@ private:
             return;
         }
         parameterSets_ = std::make_shared<const std::vector<ByteVector>>(std::vector<ByteVector>{config->sps.front(), config->pps.front()});
+        std::string reason;
+        if (!skip_.setParameterSets(config->sps.front(), config->pps.front(), &reason) && !skipRefusalLogged_) {
+            skipRefusalLogged_ = true;
+            logLine(lcCapture(), QStringLiteral("H264HWEncoder: %1 encodes unchanged pictures too (its stream allows no skipped pictures: %2)")
+                                     .arg(QString::fromStdString(name_), QString::fromStdString(reason)));
+        }
+    }
+
+    // A new buffer holding bytes, with the time stamps and flags of like.
+    static GstBuffer *wrapBytes(std::vector<uint8_t> bytes, GstBuffer *like)
+    {
+        auto *held = new std::vector<uint8_t>(std::move(bytes));
+        GstBuffer *b = gst_buffer_new_wrapped_full(GST_MEMORY_FLAG_READONLY, held->data(), held->size(), 0, held->size(), held,
+                                                   [](gpointer p) { delete static_cast<std::vector<uint8_t> *>(p); });
+        if (like) gst_buffer_copy_into(b, like, GstBufferCopyFlags(GST_BUFFER_COPY_FLAGS | GST_BUFFER_COPY_TIMESTAMPS), 0, -1);
+        return b;
+    }
+
+    // Streaming thread, for every picture on its way to the encoder.
+    static GstPadProbeReturn onPicture(GstPad *pad, GstPadProbeInfo *info, gpointer self)
+    {
+        auto *that = static_cast<GstH264EncoderSession *>(self);
+        GstBuffer *buffer = GST_PAD_PROBE_INFO_BUFFER(info);
+        if (!buffer) return GST_PAD_PROBE_OK;
+        // A repeat by the pacer's word, and provably: the same memory as the picture before,
+        // which cannot have been written since because the held buffer keeps it locked.
+        GstMemory *memory = gst_buffer_n_memory(buffer) > 0 ? gst_buffer_peek_memory(buffer, 0) : nullptr;
+        const bool sameMemory = memory && that->lastPicture_ && gst_buffer_n_memory(that->lastPicture_.get()) > 0
+                                && gst_buffer_peek_memory(that->lastPicture_.get(), 0) == memory;
+        const bool repeat = sameMemory && GST_BUFFER_FLAG_IS_SET(buffer, kRepeatFlag);
+        that->lastPicture_.reset(gst_buffer_ref(buffer));
+        SkipPictureStream &skip = that->skip_;
+        if (repeat && skip.canInject() && that->toEncoder_ == that->fromEncoder_ && that->parameterSets_) {
+            GstClockTime pts = GST_BUFFER_PTS(buffer);
+            if (GstEvent *event = gst_pad_get_sticky_event(pad, GST_EVENT_SEGMENT, 0)) {
+                const GstSegment *segment = nullptr;
+                gst_event_parse_segment(event, &segment);
+                if (segment && segment->format == GST_FORMAT_TIME) pts = gst_segment_to_running_time(segment, GST_FORMAT_TIME, pts);
+                gst_event_unref(event);
+            }
+            GstBufferPtr coded(wrapBytes(skip.nextSkipPicture(), nullptr));
+            GST_BUFFER_PTS(coded.get()) = pts;
+            GST_BUFFER_FLAG_SET(coded.get(), GST_BUFFER_FLAG_DELTA_UNIT);
+            const MediaSample compressed = MediaSample::h264(std::move(coded), pts == GST_CLOCK_TIME_NONE ? MediaTime() : MediaTime::fromNanoseconds(pts),
+                                                             false, that->parameterSets_);
+            that->skipped_.fetch_add(1);
+            that->onOutput_(&compressed);
+            return GST_PAD_PROBE_DROP;
+        }
+        if (skip.mustForceKeyFrame() && that->encoderSink_) {
+            gst_pad_send_event(that->encoderSink_,
+                               gst_video_event_new_downstream_force_key_unit(GST_CLOCK_TIME_NONE, GST_CLOCK_TIME_NONE, GST_CLOCK_TIME_NONE, FALSE, 0));
+        }
+        ++that->toEncoder_;
+        return GST_PAD_PROBE_OK;
     }
 
     static void onEos(GstAppSink *, gpointer self)
@@ -366,6 +459,13 @@ private:
     // Streaming thread only.
     GstCapsPtr lastCaps_;
     std::shared_ptr<const std::vector<ByteVector>> parameterSets_; // one copy for all frames until the caps change
+    SkipPictureStream skip_;
+    bool skipRefusalLogged_ = false;
+    GstBufferPtr lastPicture_;  // the last picture seen on its way in
+    uint64_t toEncoder_ = 0;    // pictures that went on to the encoder
+    uint64_t fromEncoder_ = 0;  // access units that came out of it
+    std::atomic<uint64_t> skipped_{0};
+    GstPad *encoderSink_ = nullptr; // one reference
     std::atomic<bool> produced_{false};
     std::atomic<bool> failed_{false};
     std::mutex mutex_;
