@@ -113,7 +113,7 @@ TEST(SkipPicture, StillStretchesDecodeAsTheLastChangedPictureWithKeyFramesEvery3
         }
 
         const QString file = QDir(freshTempDir()).filePath("stream.h264");
-        ASSERT_TRUE(writeFile(file, joinPackets(packets)));
+        ASSERT_TRUE(writePackets(file, packets));
         const auto frames = decode(file, c.width, c.height);
         ASSERT_EQ(frames.size(), sources.size());
         for (size_t i = 0; i < frames.size(); ++i) {
