@@ -288,20 +288,13 @@ TEST(MacScreenCapture, UserDisconnectTellsTheReceiverBeforeTheChannelCloses)
 // A call queued on the main thread's event loop now; true once it ran, with what check()
 // said at that moment.
 struct QueuedCall {
-    struct State {
-        bool ran = false;
-        bool held = false;
-    };
     explicit QueuedCall(std::function<bool()> check)
     {
-        QMetaObject::invokeMethod(QCoreApplication::instance(), [s = state, check = std::move(check)] {
-            s->held = check();
-            s->ran = true;
-        }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(QCoreApplication::instance(), [s = state, check = std::move(check)] { *s = {true, check()}; }, Qt::QueuedConnection);
     }
     // Runs the loop until the call ran; then what check() said.
-    bool ranWhile() const { return waitUntil([&] { return state->ran; }, 20s) && state->held; }
-    std::shared_ptr<State> state = std::make_shared<State>();
+    bool ranWhile() const { return waitUntil([&] { return state->first; }, 20s) && state->second; }
+    std::shared_ptr<std::pair<bool, bool>> state = std::make_shared<std::pair<bool, bool>>(); // ran, check()
 };
 
 // More than the socket buffers hold, to a control peer that takes the connection and
@@ -605,15 +598,8 @@ TEST(MacScreenCaptureCast, AllowedCastReachesTheReceiverAndFollowsItsCommands)
     EXPECT_EQ(report.value("violation_count").toInt(), 0) << QJsonDocument(report).toJson().constData();
     EXPECT_GE(report.value("video").toArray().first().toObject().value("frames").toInt(), 50);
     EXPECT_GE(report.value("audio").toObject().value("frames").toInt(), 20);
-    if (!velocast::test::haveFfprobe()) return;
-    const QJsonObject vs = probeStream(QDir(rig.out).filePath("video.h264"), "codec_name,profile,width,height");
-    EXPECT_EQ(vs.value("codec_name").toString(), "h264") << QJsonDocument(vs).toJson().constData();
-    EXPECT_EQ(vs.value("profile").toString(), "Constrained Baseline");
-    EXPECT_EQ(QSizeF(vs.value("width").toInt(), vs.value("height").toInt()), capture.screenSize()) << "the whole main display";
-    const QJsonObject as = probeStream(QDir(rig.out).filePath("audio.aac"), "codec_name,sample_rate,channels");
-    EXPECT_EQ(as.value("codec_name").toString(), "aac") << QJsonDocument(as).toJson().constData();
-    EXPECT_EQ(as.value("sample_rate").toString(), "44100");
-    EXPECT_EQ(as.value("channels").toInt(), 2);
+    // The streams' formats are the encoders' and the bridge's tests; the picture's size and
+    // colours are checked below.
 }
 
 TEST(MacScreenCaptureCast, WithoutAnAudioInputTheCastGoesOnVideoOnly)
@@ -683,7 +669,7 @@ TEST(MacScreenCaptureCast, ColoursArriveAsTheScreenShowsThem)
     // Frame 40: well after the patches were on the screen.
     const auto rgb = ChildProcess::run("ffmpeg", {"-v", "error", "-i", file, "-vf", "select=eq(n\\,40)", "-frames:v", "1", "-f", "rawvideo", "-pix_fmt", "rgb24", "-"});
     ASSERT_TRUE(rgb);
-    ASSERT_EQ(rgb->size(), qsizetype(sw) * sh * 3);
+    ASSERT_EQ(rgb->size(), qsizetype(sw) * sh * 3) << "the whole main display";
     for (int i = 0; i < 8; ++i) {
         // The mean of a 16x16 square in the patch's middle.
         const int cx = (i % 4) * pw + pw / 2, cy = (i / 4) * ph + ph / 2;
