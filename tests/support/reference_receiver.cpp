@@ -1,5 +1,6 @@
 #include "support/reference_receiver.h"
 
+#include "support/child_process.h"
 #include "support/test_support.h"
 
 #include <QJsonDocument>
@@ -20,11 +21,11 @@ ReferenceReceiver::ReferenceReceiver(QStringList extraArguments) : arguments_(st
 ReferenceReceiver::~ReferenceReceiver()
 {
     if (!process_) return;
-    if (process_->state() != QProcess::NotRunning) {
+    if (process_->isRunning()) {
         process_->write("quit\n");
-        if (!process_->waitForFinished(3000)) {
+        if (!process_->waitForFinished(std::chrono::seconds(3))) {
             process_->kill();
-            process_->waitForFinished(3000);
+            process_->waitForFinished(std::chrono::seconds(3));
         }
     }
 }
@@ -32,19 +33,14 @@ ReferenceReceiver::~ReferenceReceiver()
 bool ReferenceReceiver::start()
 {
 #ifdef VELOCAST_RECEIVER_BIN
-    process_ = std::make_unique<QProcess>();
-    // Errors of the receiver show up in the test's own output.
-    process_->setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    QObject::connect(process_.get(), &QProcess::readyReadStandardOutput, [this] { readEvents(); });
+    // Errors of the receiver show up in the test's own output (its standard error is ours).
+    process_ = std::make_unique<ChildProcess>();
     QStringList args{QStringLiteral("--bind"), QStringLiteral("127.0.0.1"), QStringLiteral("--control-port"),
         QStringLiteral("0"), QStringLiteral("--media-port"), QStringLiteral("0"), QStringLiteral("--headless"),
         QStringLiteral("--quiet"), QStringLiteral("--event-log"), QStringLiteral("-")};
     args += arguments_;
-    process_->start(QStringLiteral(VELOCAST_RECEIVER_BIN), args);
-    if (!process_->waitForStarted(5000)) {
-        error_ = process_->errorString();
+    if (!process_->start(QStringLiteral(VELOCAST_RECEIVER_BIN), args, [this](const QByteArray &bytes) { readEvents(bytes); }, &error_))
         return false;
-    }
     if (!waitForEvent(QStringLiteral("listening"))) {
         error_ = QStringLiteral("the receiver did not start listening");
         return false;
@@ -65,9 +61,9 @@ void ReferenceReceiver::command(const QString &line)
     if (process_) process_->write(line.toUtf8() + '\n');
 }
 
-void ReferenceReceiver::readEvents()
+void ReferenceReceiver::readEvents(const QByteArray &bytes)
 {
-    pending_ += process_->readAllStandardOutput();
+    pending_ += bytes;
     qsizetype nl;
     while ((nl = pending_.indexOf('\n')) >= 0) {
         const QByteArray line = pending_.left(nl);

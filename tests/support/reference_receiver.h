@@ -3,7 +3,6 @@
 #include <QHash>
 #include <QJsonObject>
 #include <QList>
-#include <QProcess>
 #include <QString>
 #include <QStringList>
 
@@ -13,9 +12,12 @@
 
 namespace velocast::test {
 
+class ChildProcess;
+
 // Runs the reference receiver (tools/receiver) as a child process on 127.0.0.1 with ports
 // it picks itself, follows its JSON-lines event log and sends it commands on standard input.
-// Events are read while the Qt event loop runs (waitForEvent pumps it).
+// Events are read while the Qt event loop runs (waitForEvent pumps it). The program is started
+// with posix_spawn (ChildProcess), which ThreadSanitizer builds can follow.
 class ReferenceReceiver {
 public:
     // True when the test executable knows where the receiver program is.
@@ -44,10 +46,10 @@ public:
     QList<QJsonObject> received(const QString &id) const;
 
 private:
-    void readEvents();
+    void readEvents(const QByteArray &bytes);
 
     QStringList arguments_;
-    std::unique_ptr<QProcess> process_;
+    std::unique_ptr<ChildProcess> process_;
     QByteArray pending_;
     QList<QJsonObject> events_;
     QHash<QString, int> counts_;

@@ -98,10 +98,12 @@ MacScreenCapture::~MacScreenCapture()
     // (its threads call the push API, which it closes last).
     notices_.clear();
     listenMsg(false);
-    life_.reset();
     if (isPutting_.load()) input::MouseEvent::castEnded();
     // Lets the step in progress finish; queued ones are dropped and done below instead.
     castQueue_.reset();
+    // Only now: the steps read life_ to hand weak handles to the main thread. Tasks they
+    // queued there cannot run before this (we are on that thread) and find it gone.
+    life_.reset();
     std::lock_guard lock(sessionMutex_);
     releaseCaptureSession();
     if (auto enc = encoder()) {
