@@ -79,17 +79,15 @@ TEST(VideoRecordParser, EachFaultIsCountedOnceAndTheNextRecordIsFound)
     }
 }
 
+// The units' bounds; start code kinds, leading bytes and types show in VideoChecker's cases.
 TEST(AnnexB, SplitsAtThreeAndFourByteStartCodes)
 {
     const QByteArray au = kStart + kSps1080 + QByteArray::fromHex("000001") + kPps + kStart + idrSlice(10);
     qsizetype leading = -1;
     const QList<NalUnit> nals = splitAnnexB(au, &leading);
-    EXPECT_EQ(leading, 0);
     ASSERT_EQ(nals.size(), 3);
     EXPECT_EQ(nals[0].size, kSps1080.size());
-    EXPECT_EQ(nals[1].startCodeLength, 3);
     EXPECT_EQ(nals[1].size, kPps.size());
-    EXPECT_EQ(nals[2].type, 5);
     EXPECT_EQ(nals[2].offset + nals[2].size, au.size());
 }
 
