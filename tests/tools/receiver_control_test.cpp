@@ -93,14 +93,9 @@ TEST(Utf8, AcceptsWellFormedAndRejectsMalformedSequences)
     for (const char *b : bad) EXPECT_FALSE(isValidUtf8(QByteArray(b))) << QByteArray(b).toHex().constData();
 }
 
-TEST(ParseMessage, ReadsIdAndPropertyAndIgnoresTheEnvelope)
+// (Id and property of well-formed messages are read in every session test.)
+TEST(ParseMessage, APropertyThatIsNotAnObjectReadsAsEmpty)
 {
-    const ParseResult r = parseMessage(senderMessage("id_connect_request", {{"name", "pc"}, {"safe_code", "7"}, {"ip", "192.168.3.9"}}).chopped(1));
-    ASSERT_TRUE(r.ok());
-    EXPECT_EQ(r.message.id, "id_connect_request");
-    EXPECT_EQ(lenientInt(r.message.property, "safe_code"), 7);
-    EXPECT_EQ(r.message.property.value("ip").toString(), "192.168.3.9");
-    // A property that is not an object reads as empty.
     const ParseResult s = parseMessage(R"({"id":"id_video_pause","property":[1]})");
     ASSERT_TRUE(s.ok());
     EXPECT_TRUE(s.message.property.isEmpty());
@@ -126,6 +121,7 @@ TEST(FrameMessage, OneCompactObjectWithHashAndSizeLimit)
     EXPECT_LT(longest.size(), kMaxOutgoingBytes);
 }
 
+// The bounds; the sum and its zero padding are typed in as codes by the session tests.
 TEST(ConnectCode, SafeCodeAndLastTwoOctets)
 {
     struct Case {
@@ -135,8 +131,6 @@ TEST(ConnectCode, SafeCodeAndLastTwoOctets)
     } cases[] = {
         {"192.168.0.0", 0, "000000"},
         {"10.0.66.63", 15, "999999"},
-        {"172.16.1.1", 1, "065793"},
-        {"192.168.1.20", 3, "196884"}, // 3*65536 + 1*256 + 20
         {"10.0.66.64", 15, nullptr},   // 1000000 does not fit six digits
         {"10.0.0.1", 16, nullptr},
         {"10.0.0.1", -1, nullptr},
@@ -153,8 +147,9 @@ TEST(ConnectCode, SafeCodeAndLastTwoOctets)
     EXPECT_EQ(largestSafeCode(QHostAddress("10.0.255.255")), 14);
 }
 
-// The commands the casting tests steer with (wait, grant, pause, resize, stop...) are checked
-// there by their effect on the sender; these are the others and the default arguments.
+// The commands the session and casting tests steer with (allow NAME, refuse N, close,
+// heartbeat, wait, grant, pause, resize, stop...) are checked there by their effect on the
+// sender; these are the others and the default arguments.
 TEST(Commands, SteeringCommandsBuildTheirMessages)
 {
     CommandDefaults d;
@@ -166,8 +161,6 @@ TEST(Commands, SteeringCommandsBuildTheirMessages)
         const char *json; // the messages as a JSON array of {"id","property"}
     } cases[] = {
         {"allow", R"([{"id":"id_connect_allow","property":{"name":"Living room"}}])"},
-        {"allow Other TV", R"([{"id":"id_connect_allow","property":{"name":"Other TV"}}])"},
-        {"refuse 1", R"([{"id":"id_connect_refuse","property":{"msg":1}}])"},
         {"deny", R"([{"id":"id_permission_refuse","property":{"type":2}}])"},
         {"audio on", R"([{"id":"id_audio_ctrl","property":{"type":1}}])"},
         {"mouse 8 10 20", R"([{"id":"id_pc_mk_event","property":{"type":8,"x":10,"y":20,"width":1280,"height":720,"wheel_x":0,"wheel_y":0}}])"},
@@ -192,10 +185,6 @@ TEST(Commands, ControlCommandsAndErrors)
     CommandDefaults d;
     EXPECT_EQ(parseCommand("", d).kind, CommandKind::Nothing);
     EXPECT_EQ(parseCommand("  # a comment", d).kind, CommandKind::Nothing);
-    EXPECT_EQ(parseCommand("close", d).kind, CommandKind::Close);
-    const Command hb = parseCommand("heartbeat off", d);
-    EXPECT_EQ(hb.kind, CommandKind::Heartbeat);
-    EXPECT_FALSE(hb.flag);
     const Command aw = parseCommand("await id_permission_request 500", d);
     EXPECT_EQ(aw.kind, CommandKind::Await);
     EXPECT_EQ(aw.text, "id_permission_request");

@@ -41,24 +41,7 @@ QList<Violation> kinds(const Issues &issues)
 
 } // namespace
 
-TEST(VideoRecordParser, RecordsSplitAtEveryPositionComeOutWhole)
-{
-    const QByteArray stream = record(keyUnit(), 1) + record(deltaUnit(), 0) + record(deltaUnit(), 0);
-    for (qsizetype cut = 0; cut <= stream.size(); ++cut) {
-        VideoRecordParser p;
-        QList<VideoRecordParser::Record> records;
-        Issues issues;
-        p.feed(stream.constData(), cut, &records, &issues);
-        p.feed(stream.constData() + cut, stream.size() - cut, &records, &issues);
-        p.finish(&issues);
-        ASSERT_TRUE(issues.isEmpty()) << "cut at " << cut << ": " << violationName(issues[0].kind);
-        ASSERT_EQ(records.size(), 3) << "cut at " << cut;
-        EXPECT_EQ(records[0].payload, keyUnit());
-        EXPECT_EQ(records[0].header.keyFlag, 1);
-        EXPECT_EQ(records[2].payload, deltaUnit());
-    }
-}
-
+// Each stream is fed byte by byte, so every cut of a record between reads is crossed too.
 TEST(VideoRecordParser, EachFaultIsCountedOnceAndTheNextRecordIsFound)
 {
     QByteArray headerFields = record(deltaUnit(), 2); // keyFlag 2 and a non-zero timestamp
@@ -96,17 +79,15 @@ TEST(VideoRecordParser, EachFaultIsCountedOnceAndTheNextRecordIsFound)
     }
 }
 
+// The units' bounds; start code kinds, leading bytes and types show in VideoChecker's cases.
 TEST(AnnexB, SplitsAtThreeAndFourByteStartCodes)
 {
     const QByteArray au = kStart + kSps1080 + QByteArray::fromHex("000001") + kPps + kStart + idrSlice(10);
     qsizetype leading = -1;
     const QList<NalUnit> nals = splitAnnexB(au, &leading);
-    EXPECT_EQ(leading, 0);
     ASSERT_EQ(nals.size(), 3);
     EXPECT_EQ(nals[0].size, kSps1080.size());
-    EXPECT_EQ(nals[1].startCodeLength, 3);
     EXPECT_EQ(nals[1].size, kPps.size());
-    EXPECT_EQ(nals[2].type, 5);
     EXPECT_EQ(nals[2].offset + nals[2].size, au.size());
 }
 

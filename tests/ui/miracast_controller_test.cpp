@@ -79,29 +79,19 @@ TEST_F(MiracastControllerTest, StartAndStopPostTheNoticesOfTheRoadInForce)
     EXPECT_EQ(mirrorStart.count(), 2);
     EXPECT_EQ(state->text(), text::kStartCasting);
 
+    // The second road's start, stop and title are pressed in its end-to-end test; here, the
+    // way back to mirroring.
     chooseSecondEntry(panel);
     EXPECT_EQ(panel->mircastMenuLabel()->text(), text::kSystemCasting);
-    QTest::mouseClick(state, Qt::LeftButton);
-    EXPECT_EQ(secondStart.count(), 1);
-
-    postCaptureState(true);
-    EXPECT_EQ(state->text(), text::kStopCasting);
-    EXPECT_TRUE(window.isMinimized());
-    QTest::mouseClick(state, Qt::LeftButton);
-    EXPECT_EQ(secondStop.count(), 1);
-    EXPECT_EQ(state->text(), text::kStartCasting);
-
-    // Back to mirroring.
     chooseSecondEntry(panel);
     EXPECT_EQ(panel->mircastMenuLabel()->text(), text::kMirrorScreen);
     QTest::mouseClick(state, Qt::LeftButton);
     EXPECT_EQ(mirrorStart.count(), 3);
-    EXPECT_EQ(secondStart.count() + mirrorStop.count(), 1);
 
     // A title that is neither text does nothing.
     state->setText(QStringLiteral("?"));
     QTest::mouseClick(state, Qt::LeftButton);
-    EXPECT_EQ(mirrorStart.count() + mirrorStop.count() + secondStart.count() + secondStop.count(), 5);
+    EXPECT_EQ(mirrorStart.count() + mirrorStop.count() + secondStart.count() + secondStop.count(), 3);
 }
 
 TEST_F(MiracastControllerTest, StateFromAnotherThreadAndOnlyTheMirroringStopNoticeResetsThePanel)
