@@ -137,7 +137,7 @@ public:
     {
         if (selector != kDefaultOutputDevice && selector != kDefaultInputDevice) return done(PA_ERR_NOTSUPPORTED);
         PulseConnection *current = current_.load();
-        if (current && current->inLoopThread()) return switchFromLoop(current, selector, device, std::move(done));
+        if (current && current->inLoopThread()) return switchFromLoop(this, current, selector, device, std::move(done));
         std::shared_ptr<PulseConnection> c;
         if (const int32_t status = connection(&c)) return done(status);
         PulseConnection::Lock lock(*c);
@@ -153,6 +153,7 @@ public:
         op = output ? pa_context_set_default_sink(ctx, name.c_str(), onSuccess, &set)
                     : pa_context_set_default_source(ctx, name.c_str(), onSuccess, &set);
         if (!c->wait(op, &set.done)) return done(failure(*c));
+        if (!set.failed) remember(output, name);
         done(set.failed ? pa_context_errno(ctx) : 0);
     }
 
@@ -261,13 +262,14 @@ private:
     // On the notification thread: look the device up and switch without waiting. A lookup
     // by index answers with the device and then once more with the end of the list.
     struct Switch {
+        PulseAudioHardware *self;
         bool output;
         StatusBlock done;
         bool handedOn = false;
     };
-    static void switchFromLoop(PulseConnection *c, uint32_t selector, AudioObjectID device, StatusBlock done)
+    static void switchFromLoop(PulseAudioHardware *self, PulseConnection *c, uint32_t selector, AudioObjectID device, StatusBlock done)
     {
-        auto *s = new Switch{selector == kDefaultOutputDevice, std::move(done)};
+        auto *s = new Switch{self, selector == kDefaultOutputDevice, std::move(done)};
         pa_operation *op = s->output ? pa_context_get_sink_info_by_index(c->context(), device, switchFound<pa_sink_info>, s)
                                      : pa_context_get_source_info_by_index(c->context(), device, switchFound<pa_source_info>, s);
         if (op) {
@@ -284,6 +286,9 @@ private:
         if (eol == 0) {
             if (s->handedOn) return;
             s->handedOn = true;
+            // Taken as done: a switch the server refuses shows up as a default that differs
+            // from this one at the next report, and is reported again.
+            s->self->remember(s->output, info->name);
             auto *set = new StatusBlock(std::move(s->done));
             pa_operation *op = s->output ? pa_context_set_default_sink(ctx, info->name, switchDone, set)
                                          : pa_context_set_default_source(ctx, info->name, switchDone, set);
@@ -326,6 +331,12 @@ private:
             notify(changed);
         }
     }
+
+    // A default we set ourselves is the one later reports are compared with. Otherwise, when
+    // the server's reports lag (PipeWire's session manager applies a default after the call
+    // returns), an outside change back to the previous default can look like no change at
+    // all, and a lock would never revert it. With the loop locked.
+    void remember(bool output, const std::string &name) { (output ? defaultSink_ : defaultSource_) = name; }
 
     void defaultsChanged(const std::string &sink, const std::string &source)
     {
