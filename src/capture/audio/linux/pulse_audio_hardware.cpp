@@ -216,8 +216,11 @@ private:
         PulseConnection::Lock lock(c);
         Query info{&c};
         if (!c.wait(pa_context_get_server_info(c.context(), onServer, &info), &info.done)) return failure(c);
-        defaultSink_ = info.defaultSink;
-        defaultSource_ = info.defaultSource;
+        // A default we switched to ourselves stays what reports are compared with: the server
+        // may not show it yet (PipeWire's session manager applies it a moment later), and an
+        // outside change back to the old default would then look like no change at all.
+        if (defaultSink_.empty()) defaultSink_ = info.defaultSink;
+        if (defaultSource_.empty()) defaultSource_ = info.defaultSource;
         Query q{&c};
         const auto mask = pa_subscription_mask_t(PA_SUBSCRIPTION_MASK_SERVER | PA_SUBSCRIPTION_MASK_SINK | PA_SUBSCRIPTION_MASK_SOURCE);
         if (!c.wait(pa_context_subscribe(c.context(), mask, onSuccess, &q), &q.done)) return failure(c);
