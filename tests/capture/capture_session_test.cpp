@@ -377,13 +377,6 @@ struct ScopedEnv {
     bool had;
 };
 
-// ffprobe's view of a file's first stream (started with ChildProcess: see there why not QProcess).
-QJsonObject probeStream(const QString &file, const QString &entries)
-{
-    const auto out = ChildProcess::run("ffprobe", {"-v", "error", "-count_frames", "-show_entries", "stream=" + entries, "-of", "json", file});
-    return out ? QJsonDocument::fromJson(*out).object().value("streams").toArray().first().toObject() : QJsonObject{{"error", "ffprobe failed"}};
-}
-
 // Without a display to capture, the allowed cast ends on both sides: the receiver is told,
 // the panel goes back with a toast that says why, and no capture or bridge is built.
 TEST(MacScreenCaptureCast, WithoutAScreenTheAllowedCastEndsOnBothSides)
@@ -663,7 +656,7 @@ TEST(MacScreenCaptureCast, ColoursArriveAsTheScreenShowsThem)
     XSync(d, False);
 
     const QString file = QDir(rig.out).filePath("video.h264");
-    const QJsonObject vs = probeStream(file, "width,height,color_space,color_range");
+    const QJsonObject vs = velocast::test::ffprobeStream(file, "width,height,color_space,color_range");
     EXPECT_EQ(vs.value("color_space").toString(), "bt709") << QJsonDocument(vs).toJson().constData();
     EXPECT_EQ(vs.value("color_range").toString(), "tv");
     // Frame 40: well after the patches were on the screen.

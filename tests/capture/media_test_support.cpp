@@ -1,8 +1,9 @@
 #include "media_test_support.h"
 
+#include "support/child_process.h"
+
 #include <QFile>
 #include <QJsonDocument>
-#include <QProcess>
 #include <QStandardPaths>
 
 #include <random>
@@ -80,10 +81,10 @@ namespace {
 
 QJsonObject runFfprobe(const QStringList &args)
 {
-    QProcess p;
-    p.start("ffprobe", args);
-    if (!p.waitForFinished(60000) || p.exitCode() != 0) return {{"error", QString::fromUtf8(p.readAllStandardError())}};
-    return QJsonDocument::fromJson(p.readAllStandardOutput()).object();
+    // Its complaints go to the test's own error output.
+    const auto out = ChildProcess::run("ffprobe", args);
+    if (!out) return {{"error", "ffprobe failed"}};
+    return QJsonDocument::fromJson(*out).object();
 }
 
 } // namespace
