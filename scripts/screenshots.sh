@@ -3,4 +3,4 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 bash scripts/build.sh default --target ui_screenshots
-QT_QPA_PLATFORM=offscreen ./build/tests/ui/ui_screenshots docs
+QT_QPA_PLATFORM=offscreen ./build/docs/screenshots/ui_screenshots docs
