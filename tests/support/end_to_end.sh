@@ -1,8 +1,7 @@
-# Scaffolding of the end-to-end scripts, sourced by them with $app and $receiver set: a
-# network namespace with a veth pair (10.77.1.1 for the receiver, 10.77.1.2 for the
-# program, a default route so that the program sees a network; nothing leaves the
-# namespace), Xvfb, the reference receiver steered through fd 3, and the real program.
-# Everything started runs inside the namespace and ends with the script.
+# Sourced by the end-to-end scripts with $app and $receiver set: a network namespace with a
+# veth pair (receiver 10.77.1.1, program 10.77.1.2, a default route so the program sees a
+# network; nothing leaves it), Xvfb, the receiver steered through fd 3 and the real program,
+# all inside the namespace and ended with the script.
 ns="vc-e2e-$$"
 tmp=$(mktemp -d /tmp/velocast-e2e.XXXXXX)
 chmod 755 "$tmp"
@@ -11,7 +10,7 @@ events="$tmp/events.jsonl"
 cleanup_extra() { :; }
 cleanup() {
     for p in $(ip netns pids "$ns" 2>/dev/null) "${pids[@]}"; do kill "$p" 2>/dev/null || true; done
-    for _ in $(seq 1 30); do [ -z "$(ip netns pids "$ns" 2>/dev/null)" ] && break; sleep 0.1; done
+    wait_for 3 test -z "$(ip netns pids "$ns" 2>/dev/null)" || true
     for p in $(ip netns pids "$ns" 2>/dev/null); do kill -9 "$p" 2>/dev/null || true; done
     ip netns del "$ns" 2>/dev/null || true
     cleanup_extra
@@ -44,8 +43,7 @@ start_namespace() {
     in_ns ip route add default via 10.77.1.254 dev vc-tx src 10.77.1.2
 }
 
-# Xvfb inside the namespace. Every X client of the test runs there too: a display number is
-# only unique per namespace (the abstract X socket lives in it).
+# Every X client runs in the namespace too: the abstract X socket lives in it.
 start_xvfb() {
     exec 9<> <(:)
     in_ns Xvfb -displayfd 9 -screen 0 1024x768x24 -nolisten tcp >"$tmp/xvfb.log" 2>&1 &
@@ -65,9 +63,8 @@ start_receiver() {
     code=$(grep '"listening"' "$events" | sed -E 's/.*"code":"([0-9]{6})".*/\1/')
 }
 
-# The program with a home, settings and temporary folder of its own (it is single-instance
-# per user through a socket there); the display-name prompt of the first panel is already
-# past. Sets $window once the program has seen the namespace's network.
+# The program with a home, settings and temporary folder of its own (single instance per
+# user), past the display-name prompt; sets $window once it has seen the namespace's network.
 start_app() {
     mkdir -p "$tmp/config/Velocast" "$tmp/home" "$tmp/run" "$tmp/tmp"
     chmod 700 "$tmp/run"
@@ -75,13 +72,8 @@ start_app() {
     in_ns env HOME="$tmp/home" XDG_CONFIG_HOME="$tmp/config" XDG_RUNTIME_DIR="$tmp/run" TMPDIR="$tmp/tmp" \
         QT_QPA_PLATFORM=xcb "$app" >"$tmp/app.log" 2>&1 &
     pids+=($!)
-    window=""
-    for _ in $(seq 1 300); do
-        window=$(in_ns xdotool search --onlyvisible --name '^Velocast$' 2>/dev/null | head -n1 || true)
-        [ -n "$window" ] && break
-        sleep 0.1
-    done
-    [ -n "$window" ] || fail "no window" "$tmp/app.log"
+    find_window() { window=$(in_ns xdotool search --onlyvisible --name '^Velocast$' 2>/dev/null | head -n1); [ -n "$window" ]; }
+    wait_for 30 find_window || fail "no window" "$tmp/app.log"
     wait_for 30 grep -q 'net : .* 10.77.1.2' "$tmp/app.log" || fail "no network report" "$tmp/app.log"
 }
 

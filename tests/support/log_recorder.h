@@ -29,7 +29,7 @@ public:
 
 private:
     struct Lines {
-        mutable std::mutex mutex;
+        std::mutex mutex;
         QStringList list;
     };
     std::shared_ptr<Lines> lines_ = std::make_shared<Lines>();

@@ -4,9 +4,8 @@
 #include <QJsonObject>
 
 #include <arpa/inet.h>
+#include <cerrno>
 #include <netinet/in.h>
-#include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -58,85 +57,72 @@ LoopbackPeer::LoopbackPeer()
     sockaddr_in a;
     listenFd_ = loopbackSocket(4, &a);
     port_ = ntohs(a.sin_port);
-    wakeFd_ = ::eventfd(0, EFD_CLOEXEC);
     thread_ = std::jthread([this] { run(); });
 }
 
 LoopbackPeer::~LoopbackPeer()
 {
-    stop_ = true;
-    const uint64_t one = 1;
-    [[maybe_unused]] ssize_t n = ::write(wakeFd_, &one, sizeof one);
+    {
+        std::lock_guard lock(mutex_);
+        stopped_ = true;
+        if (clientFd_ >= 0) ::shutdown(clientFd_, SHUT_RDWR); // ends a blocked read
+    }
+    ::shutdown(listenFd_, SHUT_RDWR); // ends a blocked accept
     thread_.join();
     if (clientFd_ >= 0) ::close(clientFd_);
     ::close(listenFd_);
-    ::close(wakeFd_);
 }
 
 void LoopbackPeer::run()
 {
     char buf[4096];
-    while (!stop_) {
-        int client;
-        {
-            std::lock_guard lock(mutex_);
-            client = clientClosed_ ? -1 : clientFd_;
-        }
-        pollfd fds[2] = {{wakeFd_, POLLIN, 0}, {client >= 0 ? client : listenFd_, POLLIN, 0}};
-        if (::poll(fds, 2, -1) <= 0) continue;
-        if (fds[0].revents) return;
-        if (client < 0) {
-            const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
-            if (fd < 0) continue;
-            std::lock_guard lock(mutex_);
-            if (clientFd_ >= 0) ::close(clientFd_);
-            clientFd_ = fd;
-            clientClosed_ = false;
-            received_.clear();
-            pending_.clear();
-            messages_.clear();
-            heartbeats_ = 0;
-            changed_.notify_all();
-            continue;
-        }
-        const ssize_t n = ::read(client, buf, sizeof buf);
+    for (;;) {
+        const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0 && errno == EINTR) continue;
         std::unique_lock lock(mutex_);
-        if (n <= 0) {
-            clientClosed_ = true;
-            changed_.notify_all();
-            continue;
+        if (fd < 0 || stopped_) {
+            if (fd >= 0) ::close(fd);
+            return;
         }
-        received_.append(buf, n);
-        pending_.append(buf, n);
-        qsizetype hash;
-        QByteArray replies;
-        while ((hash = pending_.indexOf('#')) >= 0) {
-            const QByteArray message = pending_.left(hash);
-            pending_.remove(0, hash + 1);
-            const QJsonObject o = QJsonDocument::fromJson(message).object();
-            if (o.value("id").toString() == QLatin1String("id_heartbeat")) {
-                ++heartbeats_;
-                if (answerHeartbeats_)
-                    replies += R"({"id": "id_heartbeat", "property": {"timestamp": 0}}#)";
-            } else {
-                messages_.append(message);
-            }
-        }
+        if (clientFd_ >= 0) ::close(clientFd_);
+        clientFd_ = fd;
+        received_.clear();
+        pending_.clear();
+        messages_.clear();
+        heartbeats_ = 0;
         changed_.notify_all();
         lock.unlock();
-        if (!replies.isEmpty()) [[maybe_unused]] ssize_t w = ::write(client, replies.constData(), size_t(replies.size()));
+        for (ssize_t n; (n = ::read(fd, buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR);)
+            if (n > 0) read(fd, buf, n);
     }
+}
+
+void LoopbackPeer::read(int fd, const char *bytes, ssize_t n)
+{
+    std::unique_lock lock(mutex_);
+    received_.append(bytes, n);
+    pending_.append(bytes, n);
+    QByteArray replies;
+    for (qsizetype hash; (hash = pending_.indexOf('#')) >= 0; pending_.remove(0, hash + 1)) {
+        const QByteArray message = pending_.left(hash);
+        if (QJsonDocument::fromJson(message).object().value("id").toString() != QLatin1String("id_heartbeat")) {
+            messages_.append(message);
+            continue;
+        }
+        ++heartbeats_;
+        replies += R"({"id": "id_heartbeat", "property": {"timestamp": 0}}#)";
+    }
+    changed_.notify_all();
+    lock.unlock();
+    if (!replies.isEmpty()) ::send(fd, replies.constData(), size_t(replies.size()), MSG_NOSIGNAL);
 }
 
 void LoopbackPeer::send(const QByteArray &bytes)
 {
     const int fd = locked(clientFd_);
-    if (fd < 0) return;
-    qsizetype off = 0;
-    while (off < bytes.size()) {
-        const ssize_t n = ::send(fd, bytes.constData() + off, size_t(bytes.size() - off), MSG_NOSIGNAL);
+    for (qsizetype off = 0, n = 0; fd >= 0 && off < bytes.size(); off += n) {
+        n = ::send(fd, bytes.constData() + off, size_t(bytes.size() - off), MSG_NOSIGNAL);
         if (n <= 0) return;
-        off += n;
     }
 }
 

@@ -7,53 +7,51 @@
 
 namespace velocast::test {
 
-bool ReferenceReceiver::available()
+namespace {
+QList<QJsonObject> withValue(const QList<QJsonObject> &all, const char *key, const QString &value)
 {
-#ifdef VELOCAST_RECEIVER_BIN
-    return true;
-#else
-    return false;
-#endif
+    QList<QJsonObject> out;
+    std::copy_if(all.begin(), all.end(), std::back_inserter(out), [&](const QJsonObject &e) { return e.value(key).toString() == value; });
+    return out;
 }
+} // namespace
+
+#ifndef VELOCAST_RECEIVER_BIN
+#define VELOCAST_RECEIVER_BIN ""
+#endif
+
+bool ReferenceReceiver::available() { return sizeof(VELOCAST_RECEIVER_BIN) > 1; }
 
 ReferenceReceiver::ReferenceReceiver(QStringList extraArguments) : arguments_(std::move(extraArguments)) { }
 
 ReferenceReceiver::~ReferenceReceiver()
 {
-    if (!process_) return;
-    if (process_->isRunning()) {
-        process_->write("quit\n");
-        if (!process_->waitForFinished(std::chrono::seconds(3))) {
-            process_->kill();
-            process_->waitForFinished(std::chrono::seconds(3));
-        }
-    }
+    // Asked to quit; killed with the child process after a while.
+    if (process_ && process_->write("quit\n")) process_->waitForFinished(std::chrono::seconds(3));
 }
 
 bool ReferenceReceiver::start()
 {
-#ifdef VELOCAST_RECEIVER_BIN
-    // Errors of the receiver show up in the test's own output (its standard error is ours).
-    process_ = std::make_unique<ChildProcess>();
-    QStringList args{QStringLiteral("--bind"), QStringLiteral("127.0.0.1"), QStringLiteral("--control-port"),
-        QStringLiteral("0"), QStringLiteral("--media-port"), QStringLiteral("0"), QStringLiteral("--headless"),
-        QStringLiteral("--quiet"), QStringLiteral("--event-log"), QStringLiteral("-")};
-    args += arguments_;
-    if (!process_->start(QStringLiteral(VELOCAST_RECEIVER_BIN), args, [this](const QByteArray &bytes) { readEvents(bytes); }, &error_))
+    if (!available()) {
+        error_ = QStringLiteral("built without the reference receiver");
         return false;
-    if (!waitForEvent(QStringLiteral("listening"))) {
+    }
+    // Its errors show up in the test's own output (its standard error is ours).
+    process_ = std::make_unique<ChildProcess>();
+    const QStringList args = QStringList{"--bind", "127.0.0.1", "--control-port", "0", "--media-port", "0", "--headless",
+                                 "--quiet", "--event-log", "-"}
+        + arguments_;
+    if (!process_->start(VELOCAST_RECEIVER_BIN, args, [this](const QByteArray &bytes) { readEvents(bytes); }, &error_))
+        return false;
+    if (!waitForEvent("listening")) {
         error_ = QStringLiteral("the receiver did not start listening");
         return false;
     }
-    const QJsonObject l = events(QStringLiteral("listening")).value(0);
-    controlPort_ = quint16(l.value(QStringLiteral("control_port")).toInt());
-    mediaPort_ = quint16(l.value(QStringLiteral("media_port")).toInt());
-    code_ = l.value(QStringLiteral("code")).toString();
+    const QJsonObject l = events("listening").value(0);
+    controlPort_ = quint16(l.value("control_port").toInt());
+    mediaPort_ = quint16(l.value("media_port").toInt());
+    code_ = l.value("code").toString();
     return controlPort_ != 0;
-#else
-    error_ = QStringLiteral("built without the reference receiver");
-    return false;
-#endif
 }
 
 void ReferenceReceiver::command(const QString &line)
@@ -64,14 +62,11 @@ void ReferenceReceiver::command(const QString &line)
 void ReferenceReceiver::readEvents(const QByteArray &bytes)
 {
     pending_ += bytes;
-    qsizetype nl;
-    while ((nl = pending_.indexOf('\n')) >= 0) {
-        const QByteArray line = pending_.left(nl);
-        pending_.remove(0, nl + 1);
-        const QJsonDocument doc = QJsonDocument::fromJson(line);
+    for (qsizetype nl; (nl = pending_.indexOf('\n')) >= 0; pending_.remove(0, nl + 1)) {
+        const QJsonDocument doc = QJsonDocument::fromJson(pending_.left(nl));
         if (!doc.isObject()) continue;
         events_.append(doc.object());
-        ++counts_[doc.object().value(QStringLiteral("event")).toString()];
+        ++counts_[doc.object().value("event").toString()];
     }
 }
 
@@ -80,30 +75,17 @@ bool ReferenceReceiver::waitForEvent(const QString &event, const std::function<b
 {
     return waitUntil(
         [&] {
-            for (const QJsonObject &e : events_) {
-                if (e.value(QStringLiteral("event")).toString() == event && (!pred || pred(e))) return true;
-            }
-            return false;
+            const QList<QJsonObject> found = events(event);
+            return std::any_of(found.begin(), found.end(), [&](const QJsonObject &e) { return !pred || pred(e); });
         },
         timeout);
 }
 
-QList<QJsonObject> ReferenceReceiver::events(const QString &event) const
-{
-    QList<QJsonObject> out;
-    for (const QJsonObject &e : events_) {
-        if (e.value(QStringLiteral("event")).toString() == event) out.append(e);
-    }
-    return out;
-}
+QList<QJsonObject> ReferenceReceiver::events(const QString &event) const { return withValue(events_, "event", event); }
 
 QList<QJsonObject> ReferenceReceiver::received(const QString &id) const
 {
-    QList<QJsonObject> out;
-    for (const QJsonObject &e : events(QStringLiteral("message_received"))) {
-        if (e.value(QStringLiteral("id")).toString() == id) out.append(e);
-    }
-    return out;
+    return withValue(events("message_received"), "id", id);
 }
 
 } // namespace velocast::test

@@ -3,7 +3,6 @@
 #include <QHash>
 #include <QJsonObject>
 #include <QList>
-#include <QString>
 #include <QStringList>
 
 #include <chrono>
@@ -14,36 +13,30 @@ namespace velocast::test {
 
 class ChildProcess;
 
-// Runs the reference receiver (tools/receiver) as a child process on 127.0.0.1 with ports
-// it picks itself, follows its JSON-lines event log and sends it commands on standard input.
-// Events are read while the Qt event loop runs (waitForEvent pumps it). The program is started
-// with posix_spawn (ChildProcess), which ThreadSanitizer builds can follow.
+// The reference receiver (tools/receiver) as a child on 127.0.0.1 with ports of its own
+// choosing: its JSON-lines event log is read while the Qt event loop runs, commands go to its
+// standard input.
 class ReferenceReceiver {
 public:
-    // True when the test executable knows where the receiver program is.
-    static bool available();
+    static bool available(); // the test executable knows where the program is
 
     explicit ReferenceReceiver(QStringList extraArguments = {});
     ~ReferenceReceiver();
 
-    // Starts the program and waits for it to listen; false (with the reason in error()) otherwise.
-    bool start();
+    bool start(); // waits for it to listen; the reason in error() otherwise
     QString error() const { return error_; }
     quint16 controlPort() const { return controlPort_; }
     quint16 mediaPort() const { return mediaPort_; }
     QString code() const { return code_; }
 
     void command(const QString &line);
-    // Waits (running the event loop) for an event of that name for which pred holds.
+    // Runs the event loop until an event of that name for which pred holds.
     bool waitForEvent(const QString &event, const std::function<bool(const QJsonObject &)> &pred = {},
         std::chrono::milliseconds timeout = std::chrono::seconds(10));
     QList<QJsonObject> events(const QString &event) const;
-    // Counted since the start, forgotten events included.
-    int count(const QString &event) const { return counts_.value(event); }
-    // Lets go of the events read so far (a long run would keep them all); counts stay.
-    void forgetEvents() { events_.clear(); }
-    // message_received events with that message id.
-    QList<QJsonObject> received(const QString &id) const;
+    int count(const QString &event) const { return counts_.value(event); } // forgotten events included
+    void forgetEvents() { events_.clear(); } // for long runs; counts stay
+    QList<QJsonObject> received(const QString &id) const; // message_received events of that id
 
 private:
     void readEvents(const QByteArray &bytes);

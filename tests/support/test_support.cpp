@@ -2,7 +2,6 @@
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
-#include <QDir>
 #include <QTemporaryDir>
 
 #include <memory>
@@ -11,8 +10,7 @@ namespace velocast::test {
 
 bool waitUntil(const std::function<bool()> &pred, std::chrono::milliseconds timeout)
 {
-    QDeadlineTimer deadline(timeout);
-    while (!pred()) {
+    for (QDeadlineTimer deadline(timeout); !pred();) {
         if (deadline.hasExpired()) return pred();
         QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents, 10);
     }
@@ -21,15 +19,13 @@ bool waitUntil(const std::function<bool()> &pred, std::chrono::milliseconds time
 
 void spinFor(std::chrono::milliseconds duration)
 {
-    QDeadlineTimer deadline(duration);
-    while (!deadline.hasExpired()) QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents, 10);
+    waitUntil([] { return false; }, duration);
 }
 
 QString freshTempDir()
 {
     static std::vector<std::unique_ptr<QTemporaryDir>> dirs;
-    dirs.push_back(std::make_unique<QTemporaryDir>());
-    return dirs.back()->path();
+    return dirs.emplace_back(std::make_unique<QTemporaryDir>())->path();
 }
 
 } // namespace velocast::test

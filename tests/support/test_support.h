@@ -1,9 +1,11 @@
 #pragma once
 
 #include <QString>
+#include <QVariant>
 
 #include <chrono>
 #include <functional>
+#include <ostream>
 
 namespace velocast::test {
 
@@ -11,15 +13,12 @@ namespace velocast::test {
 bool waitUntil(const std::function<bool()> &pred, std::chrono::milliseconds timeout = std::chrono::seconds(5));
 // Runs the Qt event loop for the given time (for checking that something does NOT happen).
 void spinFor(std::chrono::milliseconds duration);
-// A fresh, empty directory under the test run's temporary root.
+// A fresh, empty directory that lives as long as the test run.
 QString freshTempDir();
 
 } // namespace velocast::test
 
-#include <QVariant>
-#include <ostream>
-
-// Readable gtest output for Qt strings and variants.
+// Readable gtest output for Qt strings.
 QT_BEGIN_NAMESPACE
 inline void PrintTo(const QString &s, std::ostream *os) { *os << '"' << s.toStdString() << '"'; }
 inline void PrintTo(const QByteArray &s, std::ostream *os) { *os << '"' << s.toStdString() << '"'; }
