@@ -11,31 +11,25 @@
 
 namespace velocast::test {
 
-// Counts the posts of one notification and keeps their objects.
-class NoticeRecorder {
-public:
+// Keeps the objects of the posts of one notification.
+struct NoticeRecorder {
     explicit NoticeRecorder(const char *name)
-        : observation_(NotificationCenter::defaultCenter().addObserver(
+        : observation(NotificationCenter::defaultCenter().addObserver(
             QString::fromLatin1(name), [this](const QVariant &object) { objects.push_back(object); }))
     { }
     int count() const { return int(objects.size()); }
     std::vector<QVariant> objects;
-
-private:
-    Observation observation_;
+    Observation observation;
 };
 
-// Runs the event loop until the object is gone. Objects released with deleteLater() from the
-// test body (no event loop running) are deleted only when deferred deletes are sent.
+// Runs the event loop, deferred deletes included, until the object is gone.
 template <typename T>
-bool waitDeleted(const QPointer<T> &object, std::chrono::milliseconds timeout = std::chrono::seconds(5))
+bool waitDeleted(const QPointer<T> &object)
 {
-    return waitUntil(
-        [&] {
-            QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-            return object.isNull();
-        },
-        timeout);
+    return waitUntil([&] {
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        return object.isNull();
+    });
 }
 
 // Sends a mouse event straight to a widget, at a point in its own coordinates.
