@@ -1,5 +1,5 @@
-// The application shell. The widget test main gives the run its own XDG_CONFIG_HOME, so the
-// first-start marker and the autostart entry live in a private folder.
+// The application shell with its real main window. The test main gives the run its own
+// XDG_CONFIG_HOME: the first-start marker and the autostart entry live in a private folder.
 #include "app/app_delegate.h"
 
 #include "app/app_start_manager.h"
@@ -9,56 +9,41 @@
 
 #include <QApplication>
 #include <QDialog>
-#include <QLabel>
-#include <QDir>
 #include <QFile>
+#include <QLabel>
 #include <QMainWindow>
+#include <QScopeGuard>
 #include <QStandardPaths>
-#include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
-
-#include <cstdio>
-#include <sys/wait.h>
-#include <unistd.h>
 
 using namespace velocast;
 
 namespace {
 
-QString autostartEntry()
+TEST(AppDelegate, FirstLaunchStartsAtLoginOnceClosingKeepsRunningASecondInstanceHandsOver)
 {
-    return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) + "/autostart/velocast.desktop";
-}
-
-// Each test gets its own temporary folder, so the single-instance socket is its own too.
-struct PrivateTmp {
-    PrivateTmp() : previous(qgetenv("TMPDIR")) { qputenv("TMPDIR", dir.path().toLocal8Bit()); }
-    ~PrivateTmp() { qputenv("TMPDIR", previous); }
-    QTemporaryDir dir;
-    QByteArray previous;
-};
-
-TEST(AppDelegate, FirstLaunchSwitchesStartAtLoginOnOnceClosingKeepsRunningAboutShowsTheVersion)
-{
-    PrivateTmp tmp;
+    QTemporaryDir tmp; // the single-instance socket of this test's own
+    const QByteArray previousTmp = qgetenv("TMPDIR");
+    qputenv("TMPDIR", tmp.path().toLocal8Bit());
+    const auto restoreTmp = qScopeGuard([&] { qputenv("TMPDIR", previousTmp); });
+    const QString entry = QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) + "/autostart/velocast.desktop";
     Preferences::remove(prefkey::AutoStartAtLogin);
-    QFile::remove(autostartEntry());
+    QFile::remove(entry);
     NetControl control;
     {
         AppDelegate first(control);
         ASSERT_TRUE(first.launch());
         EXPECT_TRUE(Preferences::value(prefkey::AutoStartAtLogin).toBool());
         EXPECT_TRUE(AppStartManager::isStartAtLogin());
-        ASSERT_TRUE(first.keyWindow());
-        EXPECT_FALSE(first.keyWindow()->windowTitle().isEmpty());
+        QMainWindow *window = first.keyWindow();
+        ASSERT_TRUE(window);
+        EXPECT_FALSE(window->windowTitle().isEmpty());
 
         // Closing the window leaves the program running; reopening brings the same window.
         EXPECT_FALSE(QApplication::quitOnLastWindowClosed());
-        QMainWindow *window = first.keyWindow();
         window->close();
-        EXPECT_FALSE(window->isVisible());
         first.applicationShouldHandleReopen();
         EXPECT_TRUE(window->isVisible());
         EXPECT_EQ(first.keyWindow(), window);
@@ -73,56 +58,20 @@ TEST(AppDelegate, FirstLaunchSwitchesStartAtLoginOnOnceClosingKeepsRunningAboutS
         EXPECT_TRUE(label->text().startsWith(QStringLiteral("Velocast " VELOCAST_PROJECT_VERSION "\n"))) << label->text().toStdString();
         EXPECT_TRUE(label->text().contains(QStringLiteral("GPL-3.0-or-later")));
         about->close();
+
+        window->hide();
+        AppDelegate second(control);
+        EXPECT_FALSE(second.launch()) << "a second instance must hand over and end";
+        EXPECT_FALSE(second.keyWindow());
+        EXPECT_TRUE(test::waitUntil([&] { return window->isVisible(); }));
     }
     // The user switched start at login off; later launches leave that alone.
     ASSERT_TRUE(AppStartManager::setStartAtLogin(false));
     {
-        AppDelegate second(control);
-        ASSERT_TRUE(second.launch());
-        EXPECT_FALSE(QFile::exists(autostartEntry()));
+        AppDelegate later(control);
+        ASSERT_TRUE(later.launch());
+        EXPECT_FALSE(QFile::exists(entry));
     }
-}
-
-TEST(AppDelegate, ASecondInstanceHandsOverToTheFirst)
-{
-    PrivateTmp tmp;
-    NetControl control;
-    AppDelegate first(control);
-    ASSERT_TRUE(first.launch());
-    first.keyWindow()->hide();
-
-    AppDelegate second(control);
-    EXPECT_FALSE(second.launch()) << "a second instance must hand over and end";
-    EXPECT_FALSE(second.keyWindow());
-    ASSERT_TRUE(velocast::test::waitUntil([&] { return first.keyWindow()->isVisible(); }));
-}
-
-TEST(AppDelegate, LogRedirectionGoesToADatedFileInDocuments)
-{
-    QTemporaryDir home;
-    // In a child process: the redirection takes over this process's standard streams.
-    const pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        qputenv("HOME", home.path().toLocal8Bit());
-        const QString path = AppDelegate::redirectNSlogToDocumentFolder();
-        std::printf("to stdout\n");
-        std::fprintf(stderr, "to stderr\n");
-        std::fflush(nullptr);
-        _exit(path.isEmpty() ? 1 : 0);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    ASSERT_TRUE(WIFEXITED(status));
-    ASSERT_EQ(WEXITSTATUS(status), 0);
-    const QStringList logs = QDir(home.path() + "/Documents").entryList({"*_dr.log"}, QDir::Files);
-    ASSERT_EQ(logs.size(), 1);
-    EXPECT_TRUE(QRegularExpression("^\\d{4}_\\d{2}_\\d{2}_\\d{2}_\\d{2}_\\d{2}_dr\\.log$").match(logs[0]).hasMatch())
-        << logs[0].toStdString();
-    QFile f(home.path() + "/Documents/" + logs[0]);
-    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
-    const QByteArray content = f.readAll();
-    EXPECT_TRUE(content.contains("to stdout") && content.contains("to stderr")) << content.toStdString();
 }
 
 } // namespace

@@ -8,40 +8,18 @@ using namespace velocast;
 
 namespace {
 
-struct IntCase {
-    QVariant value;
-    qint64 expected;
-};
-
-class LenientIntTest : public ::testing::TestWithParam<IntCase> { };
-
-TEST_P(LenientIntTest, Reads)
+TEST(LenientValue, IntsBoolsAndMissingKeys)
 {
-    EXPECT_EQ(lenientInt(GetParam().value), GetParam().expected) << GetParam().value.toString().toStdString();
-}
+    const std::pair<QVariant, qint64> ints[] = {{7, 7}, {qint64(1) << 40, qint64(1) << 40}, {2.9, 2}, {-2.9, -2},
+        {true, 1}, {false, 0}, {"42", 42}, {"  12abc", 12}, {"3.7", 3}, {"abc", 0}, {"", 0}, {QVariant(), 0},
+        {QVariantList{1}, 0}, {QVariantMap{}, 0}, {1e300, std::numeric_limits<qint64>::max()}};
+    for (const auto &[value, expected] : ints) EXPECT_EQ(lenientInt(value), expected) << value.toString().toStdString();
 
-INSTANTIATE_TEST_SUITE_P(Values, LenientIntTest,
-    ::testing::Values(IntCase{QVariant(7), 7}, IntCase{QVariant(qint64(1) << 40), qint64(1) << 40},
-        IntCase{QVariant(2.9), 2}, IntCase{QVariant(-2.9), -2}, IntCase{QVariant(true), 1},
-        IntCase{QVariant(false), 0}, IntCase{QVariant(QStringLiteral("42")), 42},
-        IntCase{QVariant(QStringLiteral("  12abc")), 12}, IntCase{QVariant(QStringLiteral("3.7")), 3},
-        IntCase{QVariant(QStringLiteral("abc")), 0}, IntCase{QVariant(QStringLiteral("")), 0},
-        IntCase{QVariant(), 0}, IntCase{QVariant(QVariantList{1}), 0}, IntCase{QVariant(QVariantMap{}), 0},
-        IntCase{QVariant(1e300), std::numeric_limits<qint64>::max()}));
-
-TEST(LenientValue, BoolsAndMissingKeys)
-{
     const QVariantMap m{{"t", true}, {"one", 1}, {"zero", 0}, {"s1", "1"}, {"s0", "0"}, {"st", "true"},
         {"half", 0.5}, {"list", QVariantList{1}}};
-    EXPECT_TRUE(lenientBool(m, "t"));
-    EXPECT_TRUE(lenientBool(m, "one"));
-    EXPECT_FALSE(lenientBool(m, "zero"));
-    EXPECT_TRUE(lenientBool(m, "s1"));
-    EXPECT_FALSE(lenientBool(m, "s0"));
-    EXPECT_TRUE(lenientBool(m, "st"));
-    EXPECT_TRUE(lenientBool(m, "half"));
-    EXPECT_FALSE(lenientBool(m, "list"));
-    EXPECT_FALSE(lenientBool(m, "missing"));
+    const std::pair<const char *, bool> bools[] = {{"t", true}, {"one", true}, {"zero", false}, {"s1", true},
+        {"s0", false}, {"st", true}, {"half", true}, {"list", false}, {"missing", false}};
+    for (const auto &[key, expected] : bools) EXPECT_EQ(lenientBool(m, key), expected) << key;
     EXPECT_EQ(lenientInt(m, "missing"), 0);
     EXPECT_DOUBLE_EQ(lenientDouble(QVariant(QStringLiteral("1.5e2px"))), 150.0);
 }
