@@ -20,8 +20,7 @@ TEST(NameFilterTest, KeepsLettersDigitsIdeographsWithinEightGb18030Bytes)
 {
     const std::pair<const char *, const char *> cases[] = {
         { "My Mac_2!", "MyMac2" },
-        { "a b\tc", "abc" }, // spaces and tabs go
-        { "_x_", "x" }, // "_" goes, though the predicate allows it
+        { "_x_\t", "x" }, // "_" goes, though the predicate allows it
         { "ab😀cd", "abcd" }, // emoji
         { "abcdefghi", "abcdefgh" }, // 9 letters: the first 8
         { "一二三四五", "一二三四" }, // 5 ideographs: the first 4

@@ -5,9 +5,7 @@
 #include "support/test_support.h"
 
 #include <QCoreApplication>
-#include <QMouseEvent>
 #include <QPointer>
-#include <QWidget>
 
 namespace velocast::test {
 
@@ -30,14 +28,6 @@ bool waitDeleted(const QPointer<T> &object)
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
         return object.isNull();
     });
-}
-
-// Sends a mouse event straight to a widget, at a point in its own coordinates.
-inline void sendMouse(QWidget *w, QEvent::Type type, QPoint local, Qt::MouseButtons held)
-{
-    const Qt::MouseButton button = type == QEvent::MouseMove ? Qt::NoButton : Qt::LeftButton;
-    QMouseEvent event(type, QPointF(local), QPointF(w->mapToGlobal(local)), button, held, Qt::NoModifier);
-    QCoreApplication::sendEvent(w, &event);
 }
 
 } // namespace velocast::test
