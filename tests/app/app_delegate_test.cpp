@@ -1,5 +1,4 @@
-// The application shell with its real main window. The test main gives the run its own
-// XDG_CONFIG_HOME: the first-start marker and the autostart entry live in a private folder.
+// The application shell with its real main window, in the test main's private XDG_CONFIG_HOME.
 #include "app/app_delegate.h"
 
 #include "app/app_start_manager.h"

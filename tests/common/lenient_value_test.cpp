@@ -24,15 +24,4 @@ TEST(LenientValue, IntsBoolsAndMissingKeys)
     EXPECT_DOUBLE_EQ(lenientDouble(QVariant(QStringLiteral("1.5e2px"))), 150.0);
 }
 
-TEST(LenientValue, MessageIdAndProperty)
-{
-    const QVariantMap msg{{"id", "id_rename"}, {"property", QVariantMap{{"name", "客厅"}}}};
-    EXPECT_EQ(messageId(msg), "id_rename");
-    EXPECT_EQ(lenientString(messageProperty(msg), "name"), QStringLiteral("客厅"));
-    EXPECT_EQ(messageId(QVariantMap{{"id", 5}}), QString());
-    EXPECT_EQ(messageId(QVariant()), QString());
-    EXPECT_TRUE(messageProperty(QVariantMap{{"property", "x"}}).isEmpty());
-    EXPECT_EQ(lenientString(QVariantMap{{"n", 12}}, "n"), "12");
-}
-
 } // namespace

@@ -11,7 +11,8 @@ namespace {
 QList<QJsonObject> withValue(const QList<QJsonObject> &all, const char *key, const QString &value)
 {
     QList<QJsonObject> out;
-    std::copy_if(all.begin(), all.end(), std::back_inserter(out), [&](const QJsonObject &e) { return e.value(key).toString() == value; });
+    for (const QJsonObject &e : all)
+        if (e.value(key).toString() == value) out.append(e);
     return out;
 }
 } // namespace
@@ -36,7 +37,6 @@ bool ReferenceReceiver::start()
         error_ = QStringLiteral("built without the reference receiver");
         return false;
     }
-    // Its errors show up in the test's own output (its standard error is ours).
     process_ = std::make_unique<ChildProcess>();
     const QStringList args = QStringList{"--bind", "127.0.0.1", "--control-port", "0", "--media-port", "0", "--headless",
                                  "--quiet", "--event-log", "-"}

@@ -13,9 +13,8 @@ namespace velocast::test {
 
 class ChildProcess;
 
-// The reference receiver (tools/receiver) as a child on 127.0.0.1 with ports of its own
-// choosing: its JSON-lines event log is read while the Qt event loop runs, commands go to its
-// standard input.
+// The reference receiver (tools/receiver) as a child on 127.0.0.1, ports of its choosing: its event
+// log is read while the Qt event loop runs, commands go to its standard input.
 class ReferenceReceiver {
 public:
     static bool available(); // the test executable knows where the program is

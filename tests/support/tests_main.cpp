@@ -1,6 +1,5 @@
-// main() of the test executables. With Qt (VELOCAST_TEST_CORE or _WIDGETS): an application on
-// the main thread, a preferences location of the run's own, never the user's, and the
-// offscreen platform unless QT_QPA_PLATFORM says otherwise.
+// main() of the test executables. With Qt: an application, preferences of the run's own (never
+// the user's) and the offscreen platform unless QT_QPA_PLATFORM says otherwise.
 #include <gtest/gtest.h>
 
 #if defined(VELOCAST_TEST_WIDGETS)
@@ -16,8 +15,7 @@ using App = QCoreApplication;
 
 #include <cstdlib>
 
-// GLib and GStreamer have no frame pointers: only the slow unwinder gives the full stacks
-// that lsan.supp names (without a sanitizer these are never called).
+// GLib and GStreamer have no frame pointers: the slow unwinder gives the stacks lsan.supp names.
 extern "C" __attribute__((used)) const char *__asan_default_options() { return "fast_unwind_on_malloc=0"; }
 extern "C" __attribute__((used)) const char *__lsan_default_suppressions() { return VELOCAST_LSAN_SUPPRESSIONS; }
 
