@@ -71,10 +71,8 @@ bool ChildProcess::start(const QString &program, const QStringList &arguments, O
     ::close(out[1]);
     input_ = in[1];
     output_ = out[0];
-    if (rc != 0) {
+    if (rc != 0) { // the pipes are closed with this object
         pid_ = -1;
-        closeFd(input_);
-        closeFd(output_);
         *error = QStringLiteral("cannot start %1: %2").arg(program, qt_error_string(rc));
         return false;
     }

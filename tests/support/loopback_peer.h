@@ -3,7 +3,6 @@
 #include <QByteArray>
 #include <QList>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>

@@ -2,6 +2,7 @@
 
 #include "control/net_control.h"
 #include "support/test_support.h"
+#include "ui/miracast_controller.h"
 #include "ui/texts.h"
 
 #include <QApplication>
@@ -38,7 +39,7 @@ struct Window {
     ViewController *vc = new ViewController(control, false);
 };
 
-TEST(CodeEntry, TypingPastingBackspaceAndTheNetworkLine)
+TEST(CodeEntry, TypingPastingNetworkLineAndTheCastingPanel)
 {
     Window w;
     ASSERT_EQ(w.focused(), w.vc->field(1));
@@ -85,6 +86,12 @@ TEST(CodeEntry, TypingPastingBackspaceAndTheNetworkLine)
     EXPECT_TRUE(w.vc->isCodeViewVisible());
     EXPECT_EQ(w.vc->textCode(), "");
     EXPECT_EQ(w.vc->field(1)->text(), "");
+
+    // The casting panel covers the form while admitted, and goes when the cast ends.
+    w.vc->showCastingPanel("客厅");
+    ASSERT_TRUE(w.vc->miracastVC() && w.vc->miracastVC()->isVisible());
+    w.vc->removeCastingPanel();
+    EXPECT_FALSE(w.vc->miracastVC()->isVisible());
 }
 
 } // namespace
