@@ -44,32 +44,28 @@ TEST(CQueBufTest, AllocGrowsKeepsOrRefuses)
     std::memset(aligned.Data(), 1, 33); // past the allocation would show under ASan
 }
 
-struct DiscardCase {
-    uint32_t payloadLength;
-    uint8_t nalType;
-    size_t heldPayload;
-    bool discardable;
-};
-
-class DiscardableRecordTest : public ::testing::TestWithParam<DiscardCase> {};
-
-TEST_P(DiscardableRecordTest, Classifies)
+TEST(CQueBufTest, DiscardableRecords)
 {
-    const DiscardCase c = GetParam();
-    CQueBuf buf;
-    fillRecord(buf, c.payloadLength, c.nalType, c.heldPayload);
-    EXPECT_EQ(IsDiscardableRecord(buf), c.discardable);
+    const struct {
+        uint32_t payloadLength;
+        uint8_t nalType;
+        size_t heldPayload;
+        bool discardable;
+    } cases[] = {
+        {16, kIdr, SIZE_MAX, true}, // too short to be looked at
+        {17, kIdr, SIZE_MAX, false},
+        {17, kSps, SIZE_MAX, false},
+        {17, kPps, SIZE_MAX, false},
+        {17, kSlice, SIZE_MAX, true},
+        {5000, kSei, SIZE_MAX, true}, // SEI is no key
+        {5000, kIdr, 4, true}, // a header claiming a key frame the buffer does not hold
+    };
+    for (const auto &c : cases) {
+        CQueBuf buf;
+        fillRecord(buf, c.payloadLength, c.nalType, c.heldPayload);
+        EXPECT_EQ(IsDiscardableRecord(buf), c.discardable) << c.payloadLength << " " << int(c.nalType);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Table, DiscardableRecordTest,
-                         ::testing::Values(DiscardCase {16, kIdr, SIZE_MAX, true}, // too short to be looked at
-                                           DiscardCase {17, kIdr, SIZE_MAX, false},
-                                           DiscardCase {17, kSps, SIZE_MAX, false},
-                                           DiscardCase {17, kPps, SIZE_MAX, false},
-                                           DiscardCase {17, kSlice, SIZE_MAX, true},
-                                           DiscardCase {5000, kSei, SIZE_MAX, true}, // SEI is no key
-                                           // a header claiming a key frame the buffer does not hold
-                                           DiscardCase {5000, kIdr, 4, true}));
 
 // A pool with buffers owned by the fixture, as the TCP client owns its own.
 struct CQueBufPoolTest : ::testing::Test {

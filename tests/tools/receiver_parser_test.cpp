@@ -1,0 +1,585 @@
+// The reference receiver against crafted and damaged bytes: control framing, messages, the
+// connect code and the command language; "4CVA" records, Annex-B access units, audio
+// datagrams and ADTS frames; then the whole receiver in-process on loopback.
+#include "commands.h"
+#include "connect_code.h"
+#include "control_framing.h"
+#include "media_checks.h"
+#include "push/media_wire_format.h"
+#include "receiver.h"
+
+#include "support/test_support.h"
+
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QTcpSocket>
+#include <QUdpSocket>
+
+#include <gtest/gtest.h>
+
+using namespace velocast::receiver;
+using velocast::test::waitUntil;
+namespace wire = velocast::wire;
+
+namespace {
+
+// A "4CVA" record; lengthField overrides the stated payload length.
+QByteArray record(const QByteArray &payload, uint16_t keyFlag, uint32_t lengthField = UINT32_MAX)
+{
+    QByteArray out(int(wire::kRecordHeaderSize), 0);
+    wire::writeVideoRecordHeader(reinterpret_cast<uint8_t *>(out.data()),
+                                 {lengthField == UINT32_MAX ? uint32_t(payload.size()) : lengthField, 0, keyFlag, 0});
+    return out + payload;
+}
+
+// The sender's fixed ADTS header (MPEG-2 AAC LC, 44100 Hz, stereo, no CRC), then the payload.
+QByteArray adtsFrame(int payloadSize, char fill = 0x21)
+{
+    const int fl = payloadSize + 7;
+    const char h[7] = {char(0xFF), char(0xF9), char(0x50), char(0x80 ^ (fl >> 11)), char(fl >> 3), char((fl << 5) | 0x1F), char(0xFC)};
+    return QByteArray(h, 7) + QByteArray(payloadSize, fill);
+}
+
+QByteArray datagram(uint16_t seq, const QByteArray &payload, uint8_t type = wire::kDatagramTypeAudio, bool first = true,
+                    bool last = true, uint8_t drop = 0)
+{
+    QByteArray out(4, 0);
+    wire::writeDatagramHeader(reinterpret_cast<uint8_t *>(out.data()), {type, drop, first, last, seq});
+    return out + payload;
+}
+
+// A message as the sender writes it: pretty-printed JSON with the envelope, then '#'.
+QByteArray senderMessage(const QString &id, const QJsonObject &property)
+{
+    const QJsonObject o{{"id", id}, {"property", property}, {"from", 2}, {"to", 5}, {"uuid", "5C0FFEE0-0000-4000-8000-000000000001"}};
+    return QJsonDocument(o).toJson(QJsonDocument::Indented) + "#";
+}
+
+// The sender's side of the control channel.
+class ControlClient {
+public:
+    bool connectTo(quint16 port)
+    {
+        socket.connectToHost(QHostAddress::LocalHost, port);
+        return waitUntil([&] { return socket.state() == QAbstractSocket::ConnectedState; });
+    }
+    void send(const QString &id, const QJsonObject &property) { socket.write(senderMessage(id, property)); }
+    // The next message from the receiver (reassembled across reads), or an empty id.
+    ControlMessage next()
+    {
+        waitUntil([&] {
+            for (const QByteArray &p : framer.feed(socket.readAll())) received.append(p);
+            return !received.isEmpty();
+        });
+        if (received.isEmpty()) return {};
+        const QByteArray piece = received.takeFirst();
+        EXPECT_LT(piece.size() + 1, 1024);
+        const ParseResult r = parseMessage(piece);
+        EXPECT_TRUE(r.ok()) << piece.constData();
+        return r.message;
+    }
+    QTcpSocket socket;
+    MessageFramer framer;
+    QList<QByteArray> received;
+};
+
+// A receiver on 127.0.0.1 with ports it picks, no standard input; events are collected as
+// "name" or "name:detail" with the field named detailKey of the given event.
+struct LoopbackReceiver {
+    explicit LoopbackReceiver(ReceiverOptions o, const QString &detailEvent = {}, const QString &detailKey = {})
+    {
+        o.bind = o.shownAddress = QHostAddress(QHostAddress::LocalHost);
+        o.controlPort = o.mediaPort = 0;
+        o.echo = o.readStdin = false;
+        receiver = std::make_unique<Receiver>(o);
+        QObject::connect(receiver->eventLog(), &EventLog::logged, [=, this](const QString &e, const QJsonObject &f) {
+            events << (e == detailEvent ? e + ":" + f.value(detailKey).toString() : e);
+        });
+        started = receiver->start(&error);
+    }
+    std::unique_ptr<Receiver> receiver;
+    QStringList events;
+    QString error;
+    bool started = false;
+};
+
+QStringList idsOf(const QList<QByteArray> &pieces)
+{
+    QStringList ids;
+    for (const QByteArray &p : pieces) {
+        const ParseResult r = parseMessage(p);
+        ids << (r.ok() ? r.message.id : QString::fromLatin1(parseErrorName(r.error)));
+    }
+    return ids;
+}
+
+// SPS of a real 1920x1080 Constrained Baseline stream (x264): 1088 coded lines, cropped to 1080.
+const QByteArray kSps1080 = QByteArray::fromHex("6742c028d900780227e5c05a808080a0000003002000000791e30649");
+// The same picture in High profile (chroma format and scaling-list fields present).
+const QByteArray kSps1080High = QByteArray::fromHex("67640028acd940780227e5c05a808080a0000003002000000791e30632c0");
+const QByteArray kPps = QByteArray::fromHex("68cb8cb2");
+const QByteArray kStart = QByteArray::fromHex("00000001");
+
+QByteArray idrSlice(int size = 40) { return QByteArray(1, char(0x65)) + QByteArray(size - 1, char(0x88)); }
+QByteArray pSlice(int size = 20) { return QByteArray(1, char(0x41)) + QByteArray(size - 1, char(0x9a)); }
+QByteArray keyUnit() { return kStart + kSps1080 + kStart + kPps + kStart + idrSlice(); }
+QByteArray deltaUnit() { return kStart + pSlice(); }
+
+// The sender's cut of one frame into datagrams of at most 1,420 payload bytes.
+QList<QByteArray> cutFrame(const QByteArray &frame, uint16_t *seq)
+{
+    QList<QByteArray> out;
+    for (qsizetype off = 0; off < frame.size(); off += 1420) out.append(datagram((*seq)++, frame.mid(off, 1420)));
+    return out;
+}
+
+QList<Violation> kinds(const Issues &issues)
+{
+    QList<Violation> k;
+    for (const Issue &i : issues) k.append(i.kind);
+    return k;
+}
+
+} // namespace
+
+TEST(MessageFramer, ReassemblesMessagesSplitAtEveryPosition)
+{
+    const QByteArray stream = senderMessage("id_connect_request", {{"name", "desk 名前"}, {"safe_code", "3"}, {"ip", "10.0.0.2"}})
+        + senderMessage("id_heartbeat", {{"timestamp", 1700000000}});
+    const QStringList expected{"id_connect_request", "id_heartbeat"};
+    for (qsizetype cut = 0; cut <= stream.size(); ++cut) {
+        MessageFramer f;
+        QList<QByteArray> pieces = f.feed(stream.left(cut));
+        pieces += f.feed(stream.mid(cut));
+        ASSERT_EQ(idsOf(pieces), expected) << "cut at " << cut;
+        EXPECT_EQ(f.pendingBytes(), 0);
+    }
+    // An unterminated tail is kept for the end of the stream.
+    MessageFramer f;
+    EXPECT_TRUE(f.feed(R"({"id":"id_heartbeat"})").isEmpty());
+    EXPECT_EQ(f.takePending(), QByteArray(R"({"id":"id_heartbeat"})"));
+    EXPECT_EQ(f.pendingBytes(), 0);
+}
+
+TEST(MessageFramer, GarbageBetweenMessagesIsOnePieceEach)
+{
+    MessageFramer f;
+    const QByteArray stream = "\x01\x02garbage#" + senderMessage("id_rename", {{"name", "a"}}) + "{\"id\": 3}#[1,2]#\xc3\x28#"
+        + senderMessage("id_permission_request", {{"type", 2}}) + "\n  \n#";
+    EXPECT_EQ(idsOf(f.feed(stream)),
+              (QStringList{"bad_json", "id_rename", "missing_id", "not_an_object", "bad_utf8", "id_permission_request"}));
+}
+
+TEST(MessageFramer, OversizedMessageIsDroppedOnceAndTheStreamRecovers)
+{
+    MessageFramer f(256);
+    QByteArray big(1000, 'x');
+    QList<QByteArray> pieces;
+    // The long message arrives in several reads; the buffer never holds more than the cap.
+    for (int i = 0; i < 10; ++i) {
+        pieces += f.feed(big.mid(i * 100, 100));
+        EXPECT_LE(f.pendingBytes(), 256);
+    }
+    pieces += f.feed("tail#" + senderMessage("id_rename", {{"name", "after"}}));
+    EXPECT_EQ(f.oversizedCount(), 1);
+    EXPECT_EQ(idsOf(pieces), QStringList{"id_rename"});
+    // A message of exactly the cap still passes.
+    MessageFramer g(20);
+    EXPECT_EQ(g.feed(QByteArray(R"({"id":"id_x12345678})") + "#").size(), 1);
+    EXPECT_EQ(g.oversizedCount(), 0);
+    // One byte more does not.
+    EXPECT_TRUE(g.feed(QByteArray(R"({"id":"id_x123456789})") + "#").isEmpty());
+    EXPECT_EQ(g.oversizedCount(), 1);
+}
+
+TEST(Utf8, AcceptsWellFormedAndRejectsMalformedSequences)
+{
+    EXPECT_TRUE(isValidUtf8(QString::fromUtf8("ascii 中文 😀 é").toUtf8()));
+    const char *bad[] = {
+        "\xc3",             // cut two-byte sequence
+        "\xe4\xb8",         // cut three-byte sequence
+        "\x80",             // continuation without a lead
+        "\xc0\xaf",         // overlong '/'
+        "\xe0\x80\xaf",     // overlong three-byte form
+        "\xed\xa0\x80",     // UTF-16 surrogate
+        "\xf4\x90\x80\x80", // above U+10FFFF
+        "\xff",
+    };
+    for (const char *b : bad) EXPECT_FALSE(isValidUtf8(QByteArray(b))) << QByteArray(b).toHex().constData();
+}
+
+TEST(LenientInt, NumbersStringsAndBooleansServe)
+{
+    const QJsonObject o{{"n", 2.9}, {"s", " 2 "}, {"f", "-3.7"}, {"b", true}, {"x", "abc"}, {"a", QJsonArray{1}}, {"big", 1e300}};
+    const std::pair<const char *, qint64> cases[] = {{"n", 2}, {"s", 2}, {"f", -3}, {"b", 1}, {"x", 0}, {"a", 0}, {"missing", 0},
+                                                     {"big", std::numeric_limits<qint64>::max()}};
+    for (const auto &[key, value] : cases) EXPECT_EQ(lenientInt(o, key), value) << key;
+}
+
+TEST(FrameMessage, OneCompactObjectWithHashAndSizeLimit)
+{
+    EXPECT_EQ(frameMessage("id_connect_allow", {{"name", "TV"}}), QByteArray(R"({"id":"id_connect_allow","property":{"name":"TV"}}#)"));
+    // A '#' in a value would cut the message on the sender's side: refused.
+    EXPECT_TRUE(frameMessage("id_rename", {{"name", "room #2"}}).isEmpty());
+    // Messages must stay well under 1024 bytes.
+    EXPECT_TRUE(frameMessage("id_rename", {{"name", QString(1000, 'n')}}).isEmpty());
+    const QByteArray longest = frameMessage("id_rename", {{"name", QString(900, 'n')}});
+    ASSERT_FALSE(longest.isEmpty());
+    EXPECT_LT(longest.size(), kMaxOutgoingBytes);
+}
+
+// The bounds; the sum and its zero padding are typed in as codes by the session tests.
+TEST(ConnectCode, SafeCodeAndLastTwoOctets)
+{
+    struct Case {
+        const char *ip;
+        int safe;
+        const char *code; // nullptr: no code
+    } cases[] = {
+        {"192.168.0.0", 0, "000000"},
+        {"10.0.66.63", 15, "999999"},
+        {"10.0.66.64", 15, nullptr},   // 1000000 does not fit six digits
+        {"10.0.0.1", 16, nullptr},
+        {"10.0.0.1", -1, nullptr},
+        {"::1", 1, nullptr},
+    };
+    for (const Case &c : cases) {
+        const auto code = connectCode(QHostAddress(QString::fromLatin1(c.ip)), c.safe);
+        if (c.code)
+            EXPECT_EQ(code.value_or("none"), QString::fromLatin1(c.code)) << c.ip << " " << c.safe;
+        else
+            EXPECT_FALSE(code.has_value()) << c.ip << " " << c.safe;
+    }
+    EXPECT_EQ(largestSafeCode(QHostAddress("10.0.66.63")), 15);
+    EXPECT_EQ(largestSafeCode(QHostAddress("10.0.255.255")), 14);
+}
+
+// The commands the session and casting tests steer with (allow NAME, refuse N, close,
+// heartbeat, wait, grant, pause, resize, stop...) are checked there by their effect on the
+// sender; these are the others and the default arguments.
+TEST(Commands, SteeringCommandsBuildTheirMessages)
+{
+    CommandDefaults d;
+    d.name = "Living room";
+    d.areaWidth = 1280;
+    d.areaHeight = 720;
+    struct Case {
+        const char *line;
+        const char *json; // the messages as a JSON array of {"id","property"}
+    } cases[] = {
+        {"allow", R"([{"id":"id_connect_allow","property":{"name":"Living room"}}])"},
+        {"deny", R"([{"id":"id_permission_refuse","property":{"type":2}}])"},
+        {"audio on", R"([{"id":"id_audio_ctrl","property":{"type":1}}])"},
+        {"mouse 8 10 20", R"([{"id":"id_pc_mk_event","property":{"type":8,"x":10,"y":20,"width":1280,"height":720,"wheel_x":0,"wheel_y":0}}])"},
+        {"mouse 9 0 0 640 360 -2 3", R"([{"id":"id_pc_mk_event","property":{"type":9,"x":0,"y":0,"width":640,"height":360,"wheel_x":-2,"wheel_y":3}}])"},
+        {"click 5 6", R"([{"id":"id_pc_mk_event","property":{"type":1,"x":5,"y":6,"width":1280,"height":720,"wheel_x":0,"wheel_y":0}},
+                          {"id":"id_pc_mk_event","property":{"type":2,"x":5,"y":6,"width":1280,"height":720,"wheel_x":0,"wheel_y":0}}])"},
+        {"rename  Big  Screen ", R"([{"id":"id_rename","property":{"name":"Big  Screen"}}])"},
+        {"airplay-succeed", R"([{"id":"id_airplay_screen_succeed","property":{}}])"},
+        {"send id_custom {\"a\": [1, \"b\"]}", R"([{"id":"id_custom","property":{"a":[1,"b"]}}])"},
+    };
+    for (const Case &c : cases) {
+        const Command cmd = parseCommand(QString::fromUtf8(c.line), d);
+        ASSERT_EQ(cmd.kind, CommandKind::Send) << c.line << ": " << cmd.error.toStdString();
+        QJsonArray got;
+        for (const OutgoingMessage &m : cmd.messages) got.append(QJsonObject{{"id", m.id}, {"property", m.property}});
+        EXPECT_EQ(got, QJsonDocument::fromJson(c.json).array()) << c.line;
+    }
+}
+
+TEST(Commands, ControlCommandsAndErrors)
+{
+    CommandDefaults d;
+    EXPECT_EQ(parseCommand("", d).kind, CommandKind::Nothing);
+    EXPECT_EQ(parseCommand("  # a comment", d).kind, CommandKind::Nothing);
+    const Command aw = parseCommand("await id_permission_request 500", d);
+    EXPECT_EQ(aw.kind, CommandKind::Await);
+    EXPECT_EQ(aw.text, "id_permission_request");
+    EXPECT_EQ(aw.number, 500);
+    for (const char *bad : {"resize", "resize x", "mouse 1 2", "mouse 1 2 3 4", "audio maybe", "sleep -1", "heartbeat",
+                            "send id_x [1]", "send id_x {", "airplay-config 70000", "mouse 1 2 99999999999 3 4", "frobnicate"})
+        EXPECT_EQ(parseCommand(bad, d).kind, CommandKind::Invalid) << bad;
+}
+
+TEST(ReceiverScenario, WaitsForEventsAndChecksTheSafeCode)
+{
+    QFile scenario(velocast::test::freshTempDir() + "/steer.txt");
+    ASSERT_TRUE(scenario.open(QIODevice::WriteOnly));
+    scenario.write("# steer once the cast is asked for\nawait id_permission_request\nresize 2\nawait id_never_sent 50\nstop\n");
+    scenario.close();
+    ReceiverOptions o;
+    o.safeCode = 9;
+    o.control.permission = ControlPolicy::Answer::Manual;
+    o.scenarioPath = scenario.fileName();
+    LoopbackReceiver lr(o, "message_sent", "id");
+    ASSERT_TRUE(lr.started) << lr.error.toStdString();
+    const QStringList &events = lr.events;
+
+    // A code typed for another receiver carries another safe code: refused with msg 2.
+    ControlClient stranger;
+    ASSERT_TRUE(stranger.connectTo(lr.receiver->control()->port()));
+    stranger.send("id_connect_request", {{"name", "pc"}, {"safe_code", "4"}, {"ip", "127.0.0.1"}});
+    const ControlMessage refusal = stranger.next();
+    EXPECT_EQ(refusal.id, "id_connect_refuse");
+    EXPECT_EQ(refusal.property.value("msg").toInt(), 2);
+    EXPECT_TRUE(events.contains("safe_code_mismatch"));
+
+    ControlClient client;
+    ASSERT_TRUE(client.connectTo(lr.receiver->control()->port()));
+    client.send("id_connect_request", {{"name", "pc"}, {"safe_code", 9}, {"ip", "127.0.0.1"}});
+    EXPECT_EQ(client.next().id, "id_connect_allow");
+    // Nothing of the scenario yet: it waits for the permission request.
+    EXPECT_FALSE(events.contains("message_sent:id_codec_resize"));
+    EXPECT_FALSE(events.contains("command_error"));
+    client.send("id_permission_request", {{"type", 2}});
+    const ControlMessage resize = client.next();
+    EXPECT_EQ(resize.id, "id_codec_resize");
+    EXPECT_EQ(resize.property.value("count").toInt(), 2);
+    // The second await times out and the scenario goes on.
+    EXPECT_EQ(client.next().id, "id_permission_disconnect");
+    EXPECT_EQ(events.count("await_timeout"), 1);
+    // Manual permission: the receiver itself sent no answer.
+    EXPECT_TRUE(client.received.isEmpty());
+}
+
+// Each stream is fed byte by byte, so every cut of a record between reads is crossed too.
+TEST(VideoRecordParser, EachFaultIsCountedOnceAndTheNextRecordIsFound)
+{
+    QByteArray headerFields = record(deltaUnit(), 2); // keyFlag 2 and a non-zero timestamp
+    headerFields[8] = 1;
+    const uint32_t noCap = VideoRecordParser::kDefaultMaxPayload;
+    const struct {
+        const char *what;
+        QByteArray stream;
+        uint32_t cap;
+        QList<Violation> expected;
+        int records;
+        qint64 skipped;
+    } cases[] = {
+        {"garbage", record(keyUnit(), 1) + "4CV garbage 4C" + record(deltaUnit(), 0), noCap, {Violation::BadMagic}, 2, 14},
+        // skipped without waiting for (or buffering) a payload that never comes
+        {"length above the cap", record(QByteArray(10, 'z'), 0, 5000) + record(deltaUnit(), 0), 1000, {Violation::OversizedRecord}, 1, -1},
+        {"empty, then cut by the end", record({}, 0) + record(keyUnit(), 1).chopped(5), noCap,
+         {Violation::EmptyRecord, Violation::TruncatedRecord}, 0, -1},
+        {"header fields: reported, still delivered", headerFields, noCap, {Violation::HeaderField}, 1, -1},
+    };
+    for (const auto &c : cases) {
+        VideoRecordParser p(c.cap);
+        QList<VideoRecordParser::Record> records;
+        Issues issues;
+        for (char b : c.stream) p.feed(&b, 1, &records, &issues);
+        p.finish(&issues);
+        EXPECT_EQ(kinds(issues), c.expected) << c.what;
+        ASSERT_EQ(records.size(), c.records) << c.what;
+        if (c.records) {
+            EXPECT_EQ(records.last().payload, deltaUnit()) << c.what;
+        }
+        if (c.skipped >= 0) {
+            EXPECT_EQ(p.skippedBytes(), c.skipped) << c.what;
+        }
+    }
+}
+
+TEST(AnnexB, SpsGivesThePictureSizeAndRejectsDamage)
+{
+    for (const QByteArray &sps : {kSps1080, kSps1080High}) {
+        const auto size = parseSps(sps.constData(), sps.size());
+        ASSERT_TRUE(size.has_value());
+        EXPECT_EQ(size->width, 1920);
+        EXPECT_EQ(size->height, 1080);
+    }
+    EXPECT_EQ(parseSps(kSps1080.constData(), kSps1080.size())->profileIdc, 66);
+    // Cut before the picture size: no size. (Reads past the end are the fuzzer's part.)
+    for (qsizetype n = 0; n < 7; ++n) EXPECT_FALSE(parseSps(kSps1080.constData(), n).has_value()) << n;
+    EXPECT_FALSE(parseSps(kPps.constData(), kPps.size()).has_value());
+}
+
+TEST(VideoChecker, WellFormedStreamHasNoFaultsAndItsStatistics)
+{
+    VideoChecker c;
+    Issues issues;
+    // Two GOPs: key + 4 deltas, key + 2 deltas; 40 ms apart.
+    const bool keys[] = {true, false, false, false, false, true, false, false};
+    qint64 t = 0;
+    for (bool k : keys) c.check(k ? keyUnit() : deltaUnit(), k, t += 40, &issues);
+    EXPECT_TRUE(issues.isEmpty());
+    EXPECT_EQ(c.frames(), 8);
+    EXPECT_EQ(c.keyFrames(), 2);
+    EXPECT_EQ(c.longestGop(), 5);
+    EXPECT_DOUBLE_EQ(c.fps(), 25.0);
+    ASSERT_TRUE(c.pictureSize());
+    EXPECT_EQ(c.pictureSize()->width, 1920);
+}
+
+TEST(VideoChecker, EachFaultOfAnAccessUnitIsCountedOnce)
+{
+    struct Case {
+        const char *what;
+        QByteArray au;
+        bool key;
+        QList<Violation> expected;
+    } cases[] = {
+        {"key flag on a delta frame", deltaUnit(), true, {Violation::KeyFlagWithoutIdr, Violation::KeyFrameNotSpsFirst}},
+        {"IDR without key flag", keyUnit(), false, {Violation::IdrWithoutKeyFlag}},
+        {"IDR without SPS/PPS", kStart + idrSlice(), true, {Violation::ParameterSetsMissing, Violation::KeyFrameNotSpsFirst}},
+        {"PPS after the slice", kStart + kSps1080 + kStart + idrSlice() + kStart + kPps, true, {Violation::ParameterSetsMissing}},
+        {"three-byte start codes", kStart + kSps1080 + QByteArray::fromHex("000001") + kPps + QByteArray::fromHex("000001") + idrSlice(), true,
+         {Violation::ShortStartCode}},
+        {"leading garbage", QByteArray("xy") + kStart + pSlice(), false, {Violation::NoStartCode}},
+        {"no start code at all", pSlice(), false, {Violation::NoStartCode}},
+        {"empty NAL unit", kStart + kStart + pSlice(), false, {Violation::EmptyNalUnit}},
+        {"forbidden bit", kStart + QByteArray::fromHex("c1aabb"), false, {Violation::ForbiddenBit}},
+        {"damaged SPS", kStart + QByteArray::fromHex("6742c0") + kStart + kPps + kStart + idrSlice(), true, {Violation::BadSps}},
+    };
+    for (const Case &c : cases) {
+        VideoChecker checker;
+        Issues issues;
+        checker.check(keyUnit(), true, 0, &issues); // a good key frame first
+        ASSERT_TRUE(issues.isEmpty());
+        checker.check(c.au, c.key, 40, &issues);
+        EXPECT_EQ(kinds(issues), c.expected) << c.what;
+    }
+    VideoChecker fresh;
+    Issues issues;
+    fresh.check(deltaUnit(), false, 0, &issues);
+    EXPECT_EQ(kinds(issues), QList<Violation>{Violation::FrameBeforeKeyFrame});
+}
+
+TEST(AdtsStream, GarbageBadLengthAndForeignHeaders)
+{
+    AdtsStream s;
+    QList<QByteArray> frames;
+    Issues issues;
+    QByteArray badLength = adtsFrame(10);
+    badLength[4] = 0; // frame_length 2
+    badLength[5] = char(0x5F);
+    QByteArray mono = adtsFrame(10);
+    mono[3] = char(0x40); // channel configuration 1
+    const QByteArray stream = QByteArray("junk") + adtsFrame(5) + badLength + adtsFrame(6) + mono + adtsFrame(0);
+    s.feed(stream.constData(), stream.size(), &frames, &issues);
+    EXPECT_EQ(kinds(issues), (QList<Violation>{Violation::AdtsBadSync, Violation::AdtsBadLength, Violation::AdtsHeaderField}));
+    ASSERT_EQ(frames.size(), 4);
+    EXPECT_EQ(frames[0], adtsFrame(5));
+    EXPECT_EQ(frames[1], adtsFrame(6));
+    EXPECT_EQ(frames[3], adtsFrame(0));
+}
+
+// Frames longer than a datagram are reassembled across a sequence wrap; a loss drops the frame it cut.
+TEST(AudioDatagrams, ReassemblyGapsAndLateDatagrams)
+{
+    AudioDatagramChecker c;
+    uint16_t seq = 65534;
+    QList<QByteArray> frames;
+    Issues issues;
+    const QByteArray big = adtsFrame(2993, 'b'); // 3,000 bytes: 1,420 + 1,420 + 160
+    const QByteArray exact = adtsFrame(1413, 'e'); // exactly one full datagram
+    QList<QByteArray> d;
+    for (const QByteArray &f : {adtsFrame(371), big, exact, adtsFrame(9)}) d += cutFrame(f, &seq);
+    EXPECT_EQ(d.size(), 6);
+    const QList<QByteArray> cut = cutFrame(adtsFrame(2000), &seq); // 4, 5
+    d.append(cut[0]);                                              // 5 lost
+    d += cutFrame(adtsFrame(50), &seq);                            // 6
+    d.append(cut[0]);                                              // 4 again: late
+    d += cutFrame(adtsFrame(60), &seq);                            // 7
+    for (const QByteArray &x : d) c.feed(x.constData(), x.size(), &frames, &issues);
+    EXPECT_EQ(kinds(issues), (QList<Violation>{Violation::SequenceGap, Violation::SequenceOutOfOrder}));
+    EXPECT_EQ(c.missingDatagrams(), 1);
+    ASSERT_EQ(frames.size(), 6);
+    EXPECT_EQ(frames[1], big);
+    EXPECT_EQ(frames[2], exact);
+    EXPECT_EQ(frames[4], adtsFrame(50));
+}
+
+TEST(AudioDatagrams, BadHeadersAndLengths)
+{
+    struct Case {
+        const char *what;
+        QByteArray datagram;
+        QList<Violation> expected;
+    } cases[] = {
+        {"three bytes", QByteArray("\x01\x02\x03", 3), {Violation::ShortDatagram}},
+        {"header only", datagram(0, {}), {Violation::ShortDatagram}},
+        {"video type", datagram(0, adtsFrame(4), 1), {Violation::UnexpectedDatagramType}},
+        {"first piece missing", datagram(0, adtsFrame(4), 5, false, true), {Violation::PieceFlags}},
+        {"drop priority", datagram(0, adtsFrame(4), 5, true, true, 1), {Violation::DropPriority}},
+        {"too long", datagram(0, adtsFrame(1500)), {Violation::OversizedDatagram}},
+        {"frame longer than its datagrams", datagram(0, adtsFrame(300).left(200)), {Violation::AdtsLengthMismatch}},
+        {"not ADTS", datagram(0, QByteArray(30, 'q')), {Violation::AdtsBadSync}},
+    };
+    for (const Case &k : cases) {
+        AudioDatagramChecker c;
+        QList<QByteArray> frames;
+        Issues issues;
+        c.feed(k.datagram.constData(), k.datagram.size(), &frames, &issues);
+        EXPECT_EQ(kinds(issues), k.expected) << k.what;
+        // The next good datagram is accepted whatever came before.
+        Issues after;
+        const QByteArray good = datagram(1, adtsFrame(8));
+        c.feed(good.constData(), good.size(), &frames, &after);
+        EXPECT_TRUE(after.isEmpty()) << k.what << ": " << violationName(after.value(0).kind);
+        EXPECT_EQ(frames.last(), adtsFrame(8)) << k.what;
+    }
+}
+
+TEST(ReceiverLoopback, SurvivesHostileInputAndCountsEachFault)
+{
+    ReceiverOptions o;
+    o.control.maxMessageBytes = 512;
+    o.control.admission = ControlPolicy::Answer::Manual;
+    LoopbackReceiver lr(o, "bad_message", "reason");
+    ASSERT_TRUE(lr.started) << lr.error.toStdString();
+    Receiver &r = *lr.receiver;
+    const QStringList &events = lr.events;
+
+    // A client that sends garbage, an oversized message, bad UTF-8 and a cut message, then vanishes.
+    {
+        QTcpSocket rogue;
+        rogue.connectToHost(QHostAddress::LocalHost, r.control()->port());
+        ASSERT_TRUE(waitUntil([&] { return rogue.state() == QAbstractSocket::ConnectedState; }));
+        rogue.write(QByteArray("\x00\x01{{{#", 6) + QByteArray(5000, '{') + "#\xf0\x28\x8c\x28#" + R"({"id":"id_connect_req)");
+        ASSERT_TRUE(waitUntil([&] { return events.contains("bad_message:bad_utf8"); }));
+        rogue.abort();
+    }
+    ASSERT_TRUE(waitUntil([&] { return events.contains("control_closed"); }));
+    for (const char *reason : {"bad_json", "oversized", "bad_utf8", "unterminated"})
+        EXPECT_EQ(events.count(QStringLiteral("bad_message:") + reason), 1) << reason;
+
+    // A media client that sends a record with a bad magic, one good record, then half a record.
+    {
+        QTcpSocket m;
+        m.connectToHost(QHostAddress::LocalHost, r.media()->port());
+        ASSERT_TRUE(waitUntil([&] { return m.state() == QAbstractSocket::ConnectedState; }));
+        QByteArray bad = record(deltaUnit(), 0);
+        bad[0] = 'X';
+        m.write(bad + record(deltaUnit(), 0) + record(deltaUnit(), 0).left(30));
+        ASSERT_TRUE(waitUntil([&] { return m.bytesToWrite() == 0; }));
+        m.disconnectFromHost();
+    }
+    ASSERT_TRUE(waitUntil([&] { return events.contains("media_closed"); }));
+    // A garbage datagram; then a new cast from a new socket whose sequence starts again at 0: not a fault.
+    const auto audio = [&] { return r.media()->report().value("audio").toObject(); };
+    QUdpSocket garbage, castOne, castTwo;
+    garbage.writeDatagram(QByteArray("\x01", 1), QHostAddress::LocalHost, r.media()->port());
+    ASSERT_TRUE(waitUntil([&] { return audio().value("datagrams").toInt() == 1; }));
+    castOne.writeDatagram(datagram(700, adtsFrame(5)), QHostAddress::LocalHost, r.media()->port());
+    castOne.writeDatagram(datagram(701, adtsFrame(5)), QHostAddress::LocalHost, r.media()->port());
+    ASSERT_TRUE(waitUntil([&] { return audio().value("frames").toInt() == 2; }));
+    castTwo.writeDatagram(datagram(0, adtsFrame(5)), QHostAddress::LocalHost, r.media()->port());
+    ASSERT_TRUE(waitUntil([&] { return audio().value("frames").toInt() == 3; }));
+
+    const QJsonObject v = r.media()->report().value("violations").toObject();
+    for (const char *kind : {"bad_magic", "truncated_record", "frame_before_key_frame", "short_datagram"})
+        EXPECT_EQ(v.value(kind).toObject().value("count").toInt(), 1) << kind;
+    EXPECT_EQ(r.media()->violationCount(), 4);
+
+    // The receiver still serves a well-behaved client, here with manual admission.
+    ControlClient good;
+    ASSERT_TRUE(good.connectTo(r.control()->port()));
+    good.send("id_connect_request", {{"name", "ok"}, {"safe_code", 1}, {"ip", "127.0.0.1"}});
+    ASSERT_TRUE(waitUntil([&] { return events.contains("message_received"); }));
+    r.enqueue({"refuse 1"});
+    const ControlMessage m = good.next();
+    EXPECT_EQ(m.id, "id_connect_refuse");
+    EXPECT_EQ(m.property.value("msg").toInt(), 1);
+}
