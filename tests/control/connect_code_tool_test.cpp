@@ -51,25 +51,4 @@ TEST(ConnectCodeTool, DecodesSixDigitCodes)
     }
 }
 
-// The steps' edge cases that a six-character code cannot reach (the decoding table above has the rest).
-TEST(ConnectCodeTool, BinaryDecimalAndPortSteps)
-{
-    EXPECT_EQ(ConnectCodeTool::getBinaryStrWithDecimalStr("  300", 8), "00101100"); // low 8 bits
-    EXPECT_EQ(ConnectCodeTool::getBinaryStrWithDecimalStr("abc", 3), "000");
-    EXPECT_EQ(ConnectCodeTool::getBinaryStrWithDecimalStr("", 0), "");
-    EXPECT_EQ(ConnectCodeTool::getBinaryStrWithDecimalStr("99999999999999999999999", 4), "1111"); // saturates
-    EXPECT_EQ(ConnectCodeTool::getBinaryStrWithDecimalStr("1", 70).size(), 70);
-    EXPECT_EQ(ConnectCodeTool::getDecimalStrWithBinaryStr("1x1"), "5"); // other characters count as 0
-    EXPECT_EQ(ConnectCodeTool::getDecimalStrWithBinaryStr(""), "0");
-    EXPECT_EQ(ConnectCodeTool::getDecimalStrWithBinaryStr(QString(200, u'1')).toLongLong(),
-        std::numeric_limits<qint64>::max());
-    EXPECT_EQ(ConnectCodeTool::getIpCodeArrayWithIp("7"), (QStringList{"00000111", "00000000"}));
-    EXPECT_EQ(ConnectCodeTool::getPortStrWithPortCode("00"), "11010");
-    EXPECT_EQ(ConnectCodeTool::getPortStrWithPortCode("01"), "11013");
-    EXPECT_EQ(ConnectCodeTool::getPortStrWithPortCode("10"), "11015");
-    EXPECT_EQ(ConnectCodeTool::getPortStrWithPortCode("11"), "11017");
-    EXPECT_TRUE(ConnectCodeTool::getPortStrWithPortCode("2").isNull());
-    EXPECT_TRUE(ConnectCodeTool::getPortStrWithPortCode("011").isNull());
-}
-
 } // namespace

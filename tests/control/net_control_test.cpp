@@ -12,6 +12,7 @@
 #include <QCoreApplication>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QJsonObject>
 #include <QPoint>
 #include <QRegularExpression>
 #include <QThread>
@@ -171,18 +172,12 @@ TEST(NetControl, ChunksAreSplitAtHashAndEachPieceIsPostedAsParsed)
     }
 }
 
-TEST(NetControl, MessagesLongerThanOneChunkArriveAsNullHalves)
+// A peer that never stops sending: every 1024-byte chunk is parsed and dropped on its own;
+// nothing accumulates.
+TEST(NetControl, EndlessMessageArrivesAsNullChunks)
 {
     Connected c;
     Recorder rec;
-    c.peer.send(R"({"id":"id_rename","property":{"name":")" + QByteArray(1500, 'n') + "\"}}#");
-    ASSERT_TRUE(waitUntil([&] { return rec.received.size() >= 2; }));
-    velocast::test::spinFor(50ms);
-    EXPECT_EQ(rec.received, (std::vector<QVariant>{QVariant(), QVariant()}));
-
-    // A peer that never stops sending: every 1024-byte chunk is parsed and dropped on its
-    // own; nothing accumulates.
-    rec.received.clear();
     const QByteArray flood(1 << 20, 'z');
     std::thread sender([&] { c.peer.send(flood); });
     ASSERT_TRUE(waitUntil([&] { return rec.received.size() >= size_t(flood.size() / 1024); }, 20s));
@@ -241,29 +236,6 @@ TEST(NetControl, ConnectThatNeverCompletesTimesOutOnce)
     velocast::test::spinFor(200ms);
     EXPECT_EQ(results, std::vector<bool>{false});
     EXPECT_FALSE(control.stream()) << "the time-out closes the stream";
-}
-
-// Closed during the connect, closed before the socket queue even started, or dropped without
-// a close: no outcome, and nothing hangs.
-TEST(NetStream, CloseOrDropDuringAConnectReportsNothing)
-{
-    velocast::test::HangingListener hanging;
-    LoopbackPeer live;
-    Outcomes outcomes;
-    const struct {
-        uint16_t port;
-        std::chrono::milliseconds wait;
-        bool close;
-    } cases[] = {{hanging.port(), 50ms, true}, {hanging.port(), 50ms, false}, {hanging.port(), 0ms, true}, {live.port(), 0ms, true}};
-    for (const auto &c : cases) {
-        auto stream = NetStream::create();
-        stream->createStreamWithHost("127.0.0.1", c.port, outcomes.block());
-        velocast::test::spinFor(c.wait); // 50 ms: the connect is now blocked
-        if (c.close) stream->closeStream();
-        EXPECT_FALSE(stream->isConnected());
-    }
-    velocast::test::spinFor(200ms);
-    EXPECT_EQ(outcomes.size(), 0u);
 }
 
 TEST(NetControl, SenderIdIsMadeOnceAndReplacedWhenNotAUsableString)
