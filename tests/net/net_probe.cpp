@@ -1,6 +1,6 @@
 // Runs the network monitor where it was started and prints JSON lines: "report" per block call,
 // "query" with the class functions, "log" per log line.
-// Usage: net_probe [--no-events (no change watch)] [--fake-wifi IFNAME=SSID (a simulated radio)]
+// Usage: net_probe [--fake-wifi IFNAME=SSID (a simulated radio)]
 // Standard input: "query"; "ssid [NAME]" (associate the radio, then the SSID-change event); "quit".
 
 #include "common/log.h"
@@ -74,7 +74,6 @@ int main(int argc, char **argv)
         print({{"event", "report"}, {"hasNet", hasNet}, {"isWifi", isWifi}, {"name", name}, {"ip", ip},
                {"mainThread", velocast::isMainThread()}});
     });
-    if (args.contains("--no-events")) monitor->stopNotifier();
     monitor->checkWiFiState();
 
     QByteArray input;
