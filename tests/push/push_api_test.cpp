@@ -115,17 +115,5 @@ TEST_F(PushApiTest, ConnectWaitRunningOutFailsInitWithoutUdp)
     EXPECT_EQ(PushSendFrame(handle, &video), kPushNotReady);
 }
 
-// "127.1" serves the TCP connect but is not dotted IPv4 text for the UDP sender, so the
-// video connection is made and given up again.
-TEST_F(PushApiTest, UdpFailureClosesTheContextAgain)
-{
-    EXPECT_EQ(PushInit(handle, "127.1", tcp.port()), kPushUdpFailed);
-    Socket peer = tcp.accept();
-    uint8_t byte;
-    EXPECT_FALSE(test::readExact(peer.fd(), &byte, 1)) << "the video connection was closed";
-    EXPECT_EQ(PushSendFrame(handle, &video), kPushNotReady);
-    EXPECT_EQ(PushInit(handle, "127.0.0.1", tcp.port()), kPushOk) << "nothing was left open";
-}
-
 } // namespace
 } // namespace velocast::push
