@@ -4,7 +4,6 @@
 
 #include "common/notification_center.h"
 #include "common/notification_names.h"
-#include "common/preferences.h"
 #include "support/log_recorder.h"
 #include "support/loopback_peer.h"
 #include "support/test_support.h"
@@ -14,7 +13,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QPoint>
-#include <QRegularExpression>
 #include <QThread>
 
 #include <gtest/gtest.h>
@@ -28,19 +26,17 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// Records every NETCONTROL_* notification while it lives.
+// Records the received messages and disconnects posted while it lives.
 struct Recorder {
     Recorder()
     {
         auto &c = NotificationCenter::defaultCenter();
         receive = c.addObserver(notice::NETCONTROL_RECEIVE, [this](const QVariant &v) { received.push_back(v); });
         disconnect = c.addObserver(notice::NETCONTROL_DISCONNECT, [this](const QVariant &) { ++disconnects; });
-        broken = c.addObserver(notice::NETCONTROL_CONNECTBROKEN, [this](const QVariant &) { ++brokens; });
     }
     std::vector<QVariant> received;
     int disconnects = 0;
-    int brokens = 0;
-    Observation receive, disconnect, broken;
+    Observation receive, disconnect;
 };
 
 int linesStartingWith(const velocast::test::LogRecorder &logs, const QString &prefix)
@@ -185,7 +181,6 @@ TEST(NetControl, ConnectTunesTheSocketAndPeerClosingPostsDisconnect)
              "set keepCount opt : 0", "set timeo opt : 0", "bind socket : -1", "connect socket: 0"}) {
         EXPECT_EQ(logs.count(line), 1) << line;
     }
-    // (That the peer's close is posted exactly once shows in the session's tests.)
     Recorder rec;
     c.peer.closeClient();
     ASSERT_TRUE(waitUntil([&] { return rec.disconnects == 1; }));
@@ -227,27 +222,6 @@ TEST(NetControl, ConnectThatNeverCompletesTimesOutOnce)
     velocast::test::spinFor(200ms);
     EXPECT_EQ(results, std::vector<bool>{false});
     EXPECT_FALSE(control.stream()) << "the time-out closes the stream";
-}
-
-TEST(NetControl, SenderIdIsMadeOnceAndReplacedWhenNotAUsableString)
-{
-    NetControl::clearSenderIDCacheForTests();
-    Preferences::remove(prefkey::UUIDS);
-    const QString made = NetControl::senderID();
-    EXPECT_TRUE(QRegularExpression("^[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}$").match(made).hasMatch()) << made.toStdString();
-    EXPECT_EQ(Preferences::value(prefkey::UUIDS).toString(), made);
-    Preferences::setValue(prefkey::UUIDS, "changed behind our back");
-    EXPECT_EQ(NetControl::senderID(), made) << "cached for the rest of the process";
-    NetControl::clearSenderIDCacheForTests();
-    EXPECT_EQ(NetControl::senderID(), "changed behind our back") << "a stored string is used as is";
-
-    for (const QVariant &bad : {QVariant(QString()), QVariant(QStringList{"a", "b"}), QVariant(42)}) {
-        NetControl::clearSenderIDCacheForTests();
-        Preferences::setValue(prefkey::UUIDS, bad);
-        const QString replaced = NetControl::senderID();
-        EXPECT_EQ(replaced.size(), 36);
-        EXPECT_EQ(Preferences::value(prefkey::UUIDS).toString(), replaced);
-    }
 }
 
 } // namespace
