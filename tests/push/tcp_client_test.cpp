@@ -106,10 +106,8 @@ TEST(CTcpClientTest, LifecycleEventsAndRefusals)
     EXPECT_EQ(replacement.events().size(), 2u);
 }
 
-// The receiver stops reading: the kernel buffers fill, the sender stalls and the queue
-// takes the backlog. Non-key frames are overwritten, a key frame purges stale ones, and
-// once only key records are queued new frames are refused. When the receiver reads again,
-// every accepted key frame arrives, in order, and the refused one does not.
+// A receiver that stops reading: non-key frames are overwritten, a key frame purges stale ones,
+// a queue of key records refuses new frames; once it reads again every accepted key frame arrives in order.
 TEST(CTcpClientTest, StalledReceiverDrivesOverwritePurgeAndRefusal)
 {
     Connected c(4'096);
@@ -162,9 +160,8 @@ TEST(CTcpClientTest, StalledReceiverDrivesOverwritePurgeAndRefusal)
         EXPECT_TRUE(type != kSps || received.count(id)) << "key frame " << id << " was lost";
 }
 
-// A peer that resets the connection, and a refused connect: a pending connect counts as made
-// once the socket is writable, and a refused one makes it writable, so Open succeeds and a
-// later write finds out. Either way the client closes itself.
+// A peer that resets the connection, and a refused connect (Open succeeds: a refused connect
+// makes the socket writable, and a later write finds out): either way the client closes itself.
 TEST(CTcpClientTest, ABrokenConnectionClosesTheClient)
 {
     Connected c;
@@ -190,8 +187,7 @@ TEST(CTcpClientTest, ABrokenConnectionClosesTheClient)
     }
 }
 
-// Close and destruction racing with a producer, with frames large enough that the sender
-// is usually in the middle of one.
+// Close and destruction racing with a producer of frames large enough to keep the sender busy.
 TEST(CTcpClientStress, CloseRacesWithSends)
 {
     for (int round = 0; round < 6; ++round) {

@@ -32,7 +32,8 @@ TEST(UdpSenderTest, AudioFramesAreCutIntoNumberedPieces)
         auto datagram = receiver.receive();
         ASSERT_TRUE(datagram);
         // sequence (LE), drop priority << 4 | first << 1 | last, type
-        EXPECT_EQ(std::vector<uint8_t>(datagram->begin(), datagram->begin() + 4), (std::vector<uint8_t> {e.sequence, 0, 0x03, 0x05}));
+        EXPECT_EQ(std::vector<uint8_t>(datagram->begin(), datagram->begin() + 4),
+                  (std::vector<uint8_t> {e.sequence, 0, 0x03, 0x05}));
         ASSERT_EQ(datagram->size(), 4 + e.size);
         EXPECT_TRUE(std::equal(datagram->begin() + 4, datagram->end(), frame.begin() + long(e.offset)));
     }
