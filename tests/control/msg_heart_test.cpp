@@ -7,8 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <vector>
-
 using velocast::MsgHeart;
 using namespace std::chrono_literals;
 

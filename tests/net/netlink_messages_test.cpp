@@ -4,8 +4,6 @@
 #include "net/linux/netlink_messages.h"
 #include "net/linux/netlink_monitor.h"
 
-#include "support/test_support.h"
-
 #include <gtest/gtest.h>
 
 #include <cstring>
