@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <future>
 #include <memory>
 
 namespace velocast::push {
@@ -118,21 +117,6 @@ TEST_F(CQueBufPoolTest, OwnersRecordedUpToTheCapacityAndRetiredForGood)
     EXPECT_TRUE(small.Owners().empty());
     small.PutPending(b);
     EXPECT_EQ(small.PendingCount() + small.FreeCount(), 0);
-}
-
-TEST_F(CQueBufPoolTest, WaitersWakeOnPutAndOnStop)
-{
-    constexpr int32_t kForever = INT32_MAX;
-    CQueBuf *buf = make(kSlice);
-    auto waiter = std::async(std::launch::async, [&] { return pool.PopPending(kForever); });
-    pool.PutPending(buf);
-    ASSERT_EQ(waiter.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-    EXPECT_EQ(waiter.get(), buf);
-
-    auto stopped = std::async(std::launch::async, [&] { return pool.GetFree(kForever); });
-    pool.Stop();
-    ASSERT_EQ(stopped.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-    EXPECT_EQ(stopped.get(), nullptr);
 }
 
 } // namespace
