@@ -202,6 +202,7 @@ TEST(VideoChecker, WellFormedStreamHasNoFaultsAndItsStatistics)
     EXPECT_DOUBLE_EQ(c.fps(), 25.0);
     ASSERT_TRUE(c.pictureSize());
     EXPECT_EQ(c.pictureSize()->width, 1920);
+    EXPECT_EQ(c.pictureSize()->height, 1080) << "1088 coded lines, cropped";
 }
 
 TEST(VideoChecker, EachFaultOfAnAccessUnitIsCountedOnce)
