@@ -1,92 +1,54 @@
 #include "control/connect_code_tool.h"
 
-#include "support/test_support.h"
-
 #include <gtest/gtest.h>
 
 using velocast::ConnectCodeTool;
 
 namespace {
 
-struct DecodeCase {
-    const char *code;
-    const char *localIp;
-    bool ok;
-    const char *ipOrMessage;
-    const char *safeCode;
-};
-
-class ConnectCodeDecode : public ::testing::TestWithParam<DecodeCase> { };
-
-TEST_P(ConnectCodeDecode, Decodes)
+// Each code decodes synchronously, exactly once, to the receiver's address and safe code or to the error text.
+TEST(ConnectCodeTool, DecodesSixDigitCodes)
 {
-    const DecodeCase &c = GetParam();
-    int calls = 0;
-    bool ok = false;
-    QVariant result;
-    ConnectCodeTool::getConnectInfoWithSixCode(QString::fromUtf8(c.code), QString::fromUtf8(c.localIp),
-        [&](bool success, const QVariant &r) {
-            ++calls;
-            ok = success;
-            result = r;
-        });
-    ASSERT_EQ(calls, 1); // synchronously, exactly once
-    EXPECT_EQ(ok, c.ok);
-    if (c.ok) {
-        const QVariantMap m = result.toMap();
-        EXPECT_EQ(m.value("ip").toString(), QString::fromUtf8(c.ipOrMessage));
-        EXPECT_EQ(m.value("code").toString(), QString::fromUtf8(c.safeCode));
-        EXPECT_EQ(m.size(), 2);
-    } else {
-        EXPECT_EQ(result.toString(), QString::fromUtf8(c.ipOrMessage));
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(Table, ConnectCodeDecode,
-    ::testing::Values(
-        DecodeCase{"000000", "192.168.1.20", true, "192.168.0.0", "0"},
-        // 999999 = 1111 01000010 00111111
-        DecodeCase{"999999", "10.0.5.7", true, "10.0.66.63", "15"},
-        // 1*65536 + 1*256 + 1
-        DecodeCase{"065793", "172.16.3.4", true, "172.16.1.1", "1"},
-        // 9*65536 + 200*256 + 17 = 641041
-        DecodeCase{"641041", "192.168.1.2", true, "192.168.200.17", "9"},
+    const struct {
+        const char *code;
+        const char *localIp;
+        bool ok;
+        const char *ipOrMessage;
+        const char *safeCode;
+    } cases[] = {
+        {"000000", "192.168.1.20", true, "192.168.0.0", "0"},
+        {"999999", "10.0.5.7", true, "10.0.66.63", "15"}, // 1111 01000010 00111111
+        {"065793", "172.16.3.4", true, "172.16.1.1", "1"}, // 1*65536 + 1*256 + 1
+        {"641041", "192.168.1.2", true, "192.168.200.17", "9"}, // 9*65536 + 200*256 + 17
         // own octets above 255 wrap to their low 8 bits; non-numeric ones count as 0
-        DecodeCase{"000258", "300.x.1.1", true, "44.0.1.2", "0"},
+        {"000258", "300.x.1.1", true, "44.0.1.2", "0"},
         // the length check comes first, even with a bad address
-        DecodeCase{"12345", "", false, "输入位数不是6位", nullptr},
-        DecodeCase{"1234567", "nodots", false, "输入位数不是6位", nullptr},
-        DecodeCase{"", "1.2.3.4", false, "输入位数不是6位", nullptr},
-        DecodeCase{"123456", "", false, "ip格式不正确", nullptr},
-        DecodeCase{"123456", "localhost", false, "ip格式不正确", nullptr},
-        DecodeCase{"123456", "1234567890.123456", false, "ip格式不正确", nullptr},
-        // 16 characters is still accepted
-        DecodeCase{"000001", "123456789.123456", true, "21.64.0.1", "0"},
-        // non-digits are not this function's business: "12ab56" reads as 12
-        DecodeCase{"12ab56", "10.1.2.3", true, "10.1.0.12", "0"},
-        // six Chinese characters are six characters
-        DecodeCase{"一二三四五六", "10.1.2.3", true, "10.1.0.0", "0"}),
-    [](const ::testing::TestParamInfo<DecodeCase> &info) { return "case" + std::to_string(info.index); });
-
-// The steps' edge cases that a six-character code cannot reach (the decoding table above has the rest).
-TEST(ConnectCodeTool, BinaryDecimalAndPortSteps)
-{
-    EXPECT_EQ(ConnectCodeTool::getBinaryStrWithDecimalStr("  300", 8), "00101100"); // low 8 bits
-    EXPECT_EQ(ConnectCodeTool::getBinaryStrWithDecimalStr("abc", 3), "000");
-    EXPECT_EQ(ConnectCodeTool::getBinaryStrWithDecimalStr("", 0), "");
-    EXPECT_EQ(ConnectCodeTool::getBinaryStrWithDecimalStr("99999999999999999999999", 4), "1111"); // saturates
-    EXPECT_EQ(ConnectCodeTool::getBinaryStrWithDecimalStr("1", 70).size(), 70);
-    EXPECT_EQ(ConnectCodeTool::getDecimalStrWithBinaryStr("1x1"), "5"); // other characters count as 0
-    EXPECT_EQ(ConnectCodeTool::getDecimalStrWithBinaryStr(""), "0");
-    EXPECT_EQ(ConnectCodeTool::getDecimalStrWithBinaryStr(QString(200, u'1')).toLongLong(),
-        std::numeric_limits<qint64>::max());
-    EXPECT_EQ(ConnectCodeTool::getIpCodeArrayWithIp("7"), (QStringList{"00000111", "00000000"}));
-    EXPECT_EQ(ConnectCodeTool::getPortStrWithPortCode("00"), "11010");
-    EXPECT_EQ(ConnectCodeTool::getPortStrWithPortCode("01"), "11013");
-    EXPECT_EQ(ConnectCodeTool::getPortStrWithPortCode("10"), "11015");
-    EXPECT_EQ(ConnectCodeTool::getPortStrWithPortCode("11"), "11017");
-    EXPECT_TRUE(ConnectCodeTool::getPortStrWithPortCode("2").isNull());
-    EXPECT_TRUE(ConnectCodeTool::getPortStrWithPortCode("011").isNull());
+        {"12345", "", false, "输入位数不是6位", nullptr},
+        {"1234567", "nodots", false, "输入位数不是6位", nullptr},
+        {"", "1.2.3.4", false, "输入位数不是6位", nullptr},
+        {"123456", "", false, "ip格式不正确", nullptr},
+        {"123456", "localhost", false, "ip格式不正确", nullptr},
+        {"123456", "1234567890.123456", false, "ip格式不正确", nullptr},
+        {"000001", "123456789.123456", true, "21.64.0.1", "0"}, // 16 characters is still accepted
+        {"12ab56", "10.1.2.3", true, "10.1.0.12", "0"}, // non-digits are not checked here: "12ab56" reads as 12
+        {"一二三四五六", "10.1.2.3", true, "10.1.0.0", "0"}, // six Chinese characters are six characters
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.code);
+        int calls = 0;
+        QVariant result;
+        ConnectCodeTool::getConnectInfoWithSixCode(QString::fromUtf8(c.code), QString::fromUtf8(c.localIp),
+            [&](bool success, const QVariant &r) {
+                ++calls;
+                EXPECT_EQ(success, c.ok);
+                result = r;
+            });
+        ASSERT_EQ(calls, 1);
+        if (c.ok)
+            EXPECT_EQ(result.toMap(), (QVariantMap{{"ip", QString::fromUtf8(c.ipOrMessage)}, {"code", QString::fromUtf8(c.safeCode)}}));
+        else
+            EXPECT_EQ(result.toString(), QString::fromUtf8(c.ipOrMessage));
+    }
 }
 
 } // namespace

@@ -2,17 +2,13 @@
 #include "capture/avc_config.h"
 #include "capture/h264_packet.h"
 
-#include <cstddef>
-#include <cstdint>
-#include <span>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     const std::span<const uint8_t> bytes(data, size);
-    // What we build from what we read must read back the same. Only for sets the builder
-    // takes: an SPS with its header bytes and a PPS of at least its NAL header (a record may
-    // carry an empty set, which is no NAL unit; the builder refuses it).
+    // What we build from what we read reads back the same, for sets the builder takes (an SPS
+    // with its header bytes, a non-empty PPS); it refuses the others.
     const auto config = velocast::capture::parseAvcDecoderConfig(bytes);
     if (config && !config->sps.empty() && !config->pps.empty()) {
         const auto &sps = config->sps.front();

@@ -1,8 +1,6 @@
 // The typed connect code against a few own addresses.
 #include "control/connect_code_tool.h"
 
-#include <cstddef>
-#include <cstdint>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

@@ -8,9 +8,6 @@
 #include <QCoreApplication>
 #include <QLoggingCategory>
 
-#include <cstddef>
-#include <cstdint>
-
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
 {
     static QCoreApplication app(*argc, *argv);

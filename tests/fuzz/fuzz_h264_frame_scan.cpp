@@ -3,26 +3,17 @@
 // sizes one frame leaves are what the next one starts from.
 #include "push/bridge/h264_frame_scan.h"
 
-#include <cstddef>
-#include <cstdint>
-#include <span>
-
 using velocast::push::H264FrameScan;
 using velocast::push::scanH264Frame;
 
-namespace {
-
-bool inside(std::span<const uint8_t> part, std::span<const uint8_t> frame)
+static bool inside(std::span<const uint8_t> part, std::span<const uint8_t> frame)
 {
     return part.empty() || (part.data() >= frame.data() && part.data() + part.size() <= frame.data() + frame.size());
 }
 
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    int32_t spsSize = 0;
-    int32_t ppsSize = 0;
+    int32_t spsSize = 0, ppsSize = 0;
     bool haveFormat = false;
     size_t at = 0;
     while (size - at >= 2) {

@@ -1,8 +1,6 @@
 // The reference receiver's control side: framing at "#" with its size cap, then parsing.
 #include "control_framing.h"
 
-#include <cstddef>
-#include <cstdint>
 
 using namespace velocast::receiver;
 

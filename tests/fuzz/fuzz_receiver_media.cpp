@@ -2,8 +2,6 @@
 // with the access-unit checks and the SPS reader, and audio datagrams with their ADTS frames.
 #include "media_checks.h"
 
-#include <cstddef>
-#include <cstdint>
 
 using namespace velocast::receiver;
 

@@ -1,11 +1,7 @@
-// Runs the network monitor in the network namespace it was started in and prints what it sees
-// as JSON lines: {"event":"report",...} per block call, {"event":"query",...} with the class
-// functions, {"event":"log","text":...} per log line.
-// Usage: net_probe [--no-events] [--fake-wifi IFNAME=SSID]
-//   --no-events  never start the change watch (only the once-a-second retry can find news)
-//   --fake-wifi  simulate a radio: IFNAME is Wi-Fi, associated with SSID
-// Standard input, one command a line: "query"; "ssid [NAME]" (simulated radio: associate with
-// NAME, or with nothing, then the SSID-change event); "quit" (also at end of input).
+// Runs the network monitor where it was started and prints JSON lines: "report" per block call,
+// "query" with the class functions, "log" per log line.
+// Usage: net_probe [--fake-wifi IFNAME=SSID (a simulated radio)]
+// Standard input: "query"; "ssid [NAME]" (associate the radio, then the SSID-change event); "quit".
 
 #include "common/log.h"
 #include "common/main_thread.h"
@@ -78,7 +74,6 @@ int main(int argc, char **argv)
         print({{"event", "report"}, {"hasNet", hasNet}, {"isWifi", isWifi}, {"name", name}, {"ip", ip},
                {"mainThread", velocast::isMainThread()}});
     });
-    if (args.contains("--no-events")) monitor->stopNotifier();
     monitor->checkWiFiState();
 
     QByteArray input;

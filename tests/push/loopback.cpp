@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <filesystem>
 
 namespace velocast::push::test {
 
@@ -51,8 +50,6 @@ Socket TcpListener::accept()
         return Socket();
     return Socket(::accept4(socket_.fd(), nullptr, nullptr, SOCK_CLOEXEC));
 }
-
-RefusingPort::RefusingPort() { socket = bindLoopback(SOCK_STREAM, 0, &port); }
 
 UdpReceiver::UdpReceiver(uint16_t port) { socket_ = bindLoopback(SOCK_DGRAM, port, &port_); }
 
@@ -128,10 +125,5 @@ std::vector<uint8_t> makeFrame(uint8_t nalType, size_t size, uint32_t id)
 }
 
 uint32_t frameId(const std::vector<uint8_t> &frame) { return frame.size() >= 9 ? wire::le32(frame.data() + 5) : 0; }
-
-int openDescriptorCount()
-{
-    return int(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
-}
 
 } // namespace velocast::push::test

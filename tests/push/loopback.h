@@ -29,13 +29,6 @@ private:
     uint16_t port_ = 0;
 };
 
-// A TCP socket bound to 127.0.0.1 but not listening: connects to its port are refused.
-struct RefusingPort {
-    RefusingPort();
-    Socket socket;
-    uint16_t port = 0;
-};
-
 class UdpReceiver {
 public:
     explicit UdpReceiver(uint16_t port = 0); // 0 picks one
@@ -74,7 +67,5 @@ private:
 // can tell frames apart), then filler.
 std::vector<uint8_t> makeFrame(uint8_t nalType, size_t size, uint32_t id = 0);
 uint32_t frameId(const std::vector<uint8_t> &frame);
-
-int openDescriptorCount();
 
 } // namespace velocast::push::test
