@@ -1,0 +1,433 @@
+// DNSSDRegistration, AirPlayManager and the second road's control, against avahi-daemons the
+// tests start in network namespaces of their own (avahi_hosts.sh).
+#include "Extend/CommonTool/Airplay/AirplayDNSRegistration/dnssd_registration.h"
+#include "Extend/CommonTool/Airplay/air_play_manager.h"
+#include "Extend/CommonTool/Airplay/airplay_control.h"
+#include "common/notification_center.h"
+#include "common/notification_names.h"
+#include "support/log_recorder.h"
+#include "support/test_support.h"
+
+#include <gtest/gtest.h>
+
+#include <QFile>
+#include <QProcess>
+#include <QRegularExpression>
+
+#include <csignal>
+
+using namespace velocast;
+using namespace velocast::test;
+using namespace std::chrono_literals;
+
+namespace {
+
+// Private mDNS hosts: network namespaces with their own system bus and avahi-daemon, joined
+// by veth when there are two. This process talks to host 1.
+class AvahiHosts {
+public:
+    explicit AvahiHosts(int count = 1) : dir_(freshTempDir())
+    {
+        ok_ = QProcess::execute("bash", {VELOCAST_AVAHI_HOSTS_SCRIPT, "start", dir_, QString::number(count)}) == 0;
+        // libavahi-client finds the daemon through the system bus address.
+        if (ok_) qputenv("DBUS_SYSTEM_BUS_ADDRESS", bus().toUtf8());
+    }
+    ~AvahiHosts() { QProcess::execute("bash", {VELOCAST_AVAHI_HOSTS_SCRIPT, "stop", dir_}); }
+    bool ok() const { return ok_; }
+    QString bus(int host = 1) const { return read(QStringLiteral("host%1.bus").arg(host)); }
+    void killDaemon() const { ::kill(pid_t(read("host1.avahi.pid").toLongLong()), SIGTERM); }
+
+private:
+    QString read(const QString &name) const
+    {
+        QFile f(dir_ + '/' + name);
+        return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()).trimmed() : QString();
+    }
+    QString dir_;
+    bool ok_ = false;
+};
+
+#define NEED_HOSTS(hosts)                                                                                              \
+    if (!(hosts).ok()) GTEST_SKIP() << "no private avahi-daemon here (needs root, ip netns, avahi-daemon)"
+
+// avahi-browse -t -p (with -r: resolved) for one type, as another process sees it: the lines
+// "+;lo;IPv4;name;..." or "=;lo;IPv4;name;type;domain;host;address;port;txt".
+QStringList browse(const QString &bus, const QString &type, bool resolve)
+{
+    QProcess p;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("DBUS_SYSTEM_BUS_ADDRESS", bus);
+    p.setProcessEnvironment(env);
+    // Without an address record a resolve never ends: hence the timeout.
+    p.start("timeout", QStringList{"5", "avahi-browse", "-t", "-p", "-k"} + (resolve ? QStringList{"-r", type} : QStringList{type}));
+    p.waitForFinished(15000);
+    return QString::fromUtf8(p.readAllStandardOutput()).split('\n').filter(QRegularExpression(resolve ? "^=;" : "^\\+;"));
+}
+
+// Whether an instance shows in a browse; avahi-browse -p escapes names ("\064" for a byte, "\." for a character).
+bool browseHas(const QString &bus, const QString &type, const QString &name)
+{
+    for (const QString &line : browse(bus, type, false)) {
+        const QByteArray in = line.section(';', 3, 3).toUtf8();
+        QByteArray out;
+        for (qsizetype i = 0; i < in.size(); ++i) {
+            if (in[i] == '\\' && i + 3 < in.size() && std::isdigit(uchar(in[i + 1]))) {
+                out += char(in.mid(i + 1, 3).toInt());
+                i += 3;
+            } else {
+                out += in[in[i] == '\\' && i + 1 < in.size() ? ++i : i];
+            }
+        }
+        if (QString::fromUtf8(out) == name) return true;
+    }
+    return false;
+}
+
+// Waits until the instance shows, or with present false, until it is gone.
+bool waitBrowsed(const QString &bus, const QString &type, const QString &name, bool present = true)
+{
+    return waitUntil([&] { return browseHas(bus, type, name) == present; }, 20s);
+}
+
+// Another process publishing a service until the QProcess ends; true once a browse shows it.
+bool startPublisher(QProcess &publisher, const QString &bus, const QString &name, const QString &type, int port)
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("DBUS_SYSTEM_BUS_ADDRESS", bus);
+    publisher.setProcessEnvironment(env);
+    publisher.start("avahi-publish", {"-s", name, type, QString::number(port)});
+    return waitBrowsed(bus, type, name);
+}
+
+struct Recorder : DNSSDRegistrationDelegate {
+    std::vector<std::string> events;
+    int lastError = 0;
+    void dnssdRegistrationWillRegister(DNSSDRegistration *) override { events.push_back("will"); }
+    void dnssdRegistrationDidRegister(DNSSDRegistration *) override { events.push_back("did"); }
+    void dnssdRegistrationDidNotRegister(DNSSDRegistration *, const DNSSDError &e) override
+    {
+        events.push_back("didNot");
+        lastError = e.code;
+    }
+    void dnssdRegistrationDidStop(DNSSDRegistration *) override { events.push_back("stop"); }
+};
+
+const TxtRecord kTxt{{QStringLiteral("a"), QStringLiteral("1")}, {QStringLiteral("bb"), QStringLiteral("22")}};
+
+// A registration in "local." on port 7000 with kTxt, reporting to its own recorder.
+struct Registration {
+    Registration(const char *type, const char *name, const char *host)
+        : reg(QStringLiteral("local."), QString::fromLatin1(type), QString::fromUtf8(name), QString::fromLatin1(host), 7000, kTxt)
+    {
+        reg.setDelegate(&rec);
+    }
+    bool waitFor(const char *event)
+    {
+        return waitUntil([&] { return std::find(rec.events.begin(), rec.events.end(), event) != rec.events.end(); }, 15s);
+    }
+    bool startAndWait(const char *event = "did")
+    {
+        reg.start();
+        return waitFor(event);
+    }
+    Recorder rec;
+    DNSSDRegistration reg;
+};
+
+} // namespace
+
+// The plain cases (a TXT set, a full address, a name with a space) show in the Avahi tests.
+TEST(DNSSDRegistrationWire, TxtAddressAndTarget)
+{
+    EXPECT_EQ(DNSSDRegistration::txtData(std::nullopt), QByteArray());
+    // The length byte counts UTF-16 units (kept as the wire rule); "é" is 1 unit, 2 bytes.
+    EXPECT_EQ(DNSSDRegistration::txtData(TxtRecord{{QStringLiteral("k"), QStringLiteral("é")}}),
+        QByteArray("\x03k=\xc3\xa9", 5));
+
+    // Five entries of 251 bytes: four fill 1,004 bytes, the fifth would pass 1,024 and is left out;
+    // an entry over 255 bytes never fits a TXT string.
+    TxtRecord big;
+    for (char c : {'a', 'b', 'c', 'd', 'e'}) big.insert(QString(QChar(c)), QString(248, QLatin1Char('x')));
+    big.insert(QStringLiteral("0"), QString(300, QLatin1Char('y')));
+    const QByteArray data = DNSSDRegistration::txtData(big);
+    EXPECT_EQ(data.size(), 4 * 251);
+    EXPECT_EQ(data.left(3), QByteArray("\xfa" "a="));
+
+    const struct {
+        const char *host;
+        QByteArray data;
+    } addresses[] = {
+        {"192.168.0.20", QByteArray("\xc0\xa8", 2)},
+        {"10.0.0.5", QByteArray("\x0a", 1)},
+        {"10.77.300.1", QByteArray("\x0a\x4d\x2c\x01", 4)}, // 300 keeps its low 8 bits
+        {"1.2", QByteArray("\x01\x02", 2)},
+        {"", QByteArray()},
+    };
+    for (const auto &a : addresses)
+        EXPECT_EQ(DNSSDRegistration::addressData(QString::fromLatin1(a.host)), a.data) << a.host;
+
+    EXPECT_EQ(DNSSDRegistration::targetHost(QStringLiteral("a.b"), QStringLiteral("_raop._tcp."), QString()),
+        QStringLiteral("a\\.b._raop._tcp."));
+}
+
+TEST(DNSSDRegistrationWire, ArgumentsAreNormalisedOrAbort)
+{
+    DNSSDRegistration local(QStringLiteral("local"), QStringLiteral("_airplay._tcp"), QStringLiteral("n"), 65535);
+    EXPECT_EQ(local.domain(), QStringLiteral("local."));
+    EXPECT_EQ(local.type(), QStringLiteral("_airplay._tcp."));
+
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const struct {
+        const char *domain, *type;
+        qint64 port;
+        const char *condition;
+    } bad[] = {
+        {".local.", "_airplay._tcp.", 7000, R"(! \[domain hasPrefix:@"\."\])"},
+        {"local.", nullptr, 7000, R"(type != nil)"},
+        {"local.", "", 7000, R"(\[type length\] != 0)"},
+        {"local.", "._airplay._tcp.", 7000, R"(! \[type hasPrefix:@"\."\])"},
+        {"local.", "_airplay._tcp.", 0, R"(port > 0)"},
+        {"local.", "_airplay._tcp.", 65536, R"(port < 65536)"},
+    };
+    for (const auto &b : bad) {
+        const QString type = b.type ? QString::fromLatin1(b.type) : QString();
+        EXPECT_DEATH(DNSSDRegistration(QString::fromLatin1(b.domain), type, QStringLiteral("n"), b.port),
+            std::string("Extend/CommonTool/Airplay/AirplayDNSRegistration/DNSSDRegistration.*\n.*") + b.condition)
+            << b.condition;
+    }
+    DNSSDRegistration r(QStringLiteral("local."), QStringLiteral("_airplay._tcp."), QStringLiteral("n"), 7000);
+    EXPECT_DEATH(r.didRegisterWithDomain(QStringLiteral("local"), QStringLiteral("n")),
+        R"(\[domain caseInsensitiveCompare:@"local"\] != NSOrderedSame)");
+}
+
+// What another process sees: SRV target, address, port and the TXT bytes in order, on this
+// machine only (a second host on the link does not see it, though it sees a service published
+// for the network); start twice publishes once; stop withdraws; start again republishes. A zero
+// octet cuts the address record short: Avahi refuses that record, the service stays.
+TEST(DNSSDRegistrationAvahi, PublishesLocallyWithdrawsAndRepublishes)
+{
+    AvahiHosts hosts(2);
+    NEED_HOSTS(hosts);
+    Registration r("_airplay._tcp.", "Living Room", "192.168.1.20");
+    r.reg.start();
+    ASSERT_TRUE(r.startAndWait());
+    EXPECT_EQ(r.rec.events, (std::vector<std::string>{"will", "did"}));
+    EXPECT_EQ(r.reg.registeredDomain(), QStringLiteral("local."));
+    EXPECT_EQ(r.reg.registeredName(), QStringLiteral("Living Room"));
+
+    const QStringList lines = browse(hosts.bus(), "_airplay._tcp", true);
+    ASSERT_EQ(lines.size(), 1) << lines.join('\n').toStdString();
+    // (avahi-browse lists the TXT strings last to first.)
+    EXPECT_EQ(lines.first().section(';', 1), QStringLiteral("lo;IPv4;Living\\032Room;_airplay._tcp;local;")
+            + QStringLiteral("Living\\032Room._airplay._tcp.local;192.168.1.20;7000;\"bb=22\" \"a=1\""));
+    QProcess shared;
+    ASSERT_TRUE(startPublisher(shared, hosts.bus(1), "Shared", "_airplay._tcp", 7002));
+    ASSERT_TRUE(waitBrowsed(hosts.bus(2), "_airplay._tcp", "Shared"));
+    EXPECT_FALSE(browseHas(hosts.bus(2), "_airplay._tcp", "Living Room"));
+
+    r.reg.stop();
+    EXPECT_EQ(r.reg.registeredName(), QString());
+    EXPECT_TRUE(waitBrowsed(hosts.bus(), "_airplay._tcp", "Living Room", false));
+    ASSERT_TRUE(r.startAndWait());
+    EXPECT_TRUE(browseHas(hosts.bus(), "_airplay._tcp", "Living Room"));
+
+    LogRecorder log;
+    Registration zero("_raop._tcp.", "Zero", "192.168.0.20");
+    ASSERT_TRUE(zero.startAndWait());
+    EXPECT_EQ(log.count(QStringLiteral("add record error")), 1);
+    EXPECT_TRUE(browseHas(hosts.bus(), "_raop._tcp", "Zero"));
+    EXPECT_TRUE(browse(hosts.bus(), "_raop._tcp", true).isEmpty()) << "resolved without an address record";
+}
+
+// Failures reach the delegate as did-not-register then did-stop, and leave it stopped; the
+// manager makes one call once both services registered, one failure call on the first failure
+// (later events change nothing), no call and nothing registered without a TXT set.
+TEST(DNSSDRegistrationAvahi, ConflictsTheManagersResultAndALostDaemon)
+{
+    AvahiHosts hosts;
+    NEED_HOSTS(hosts);
+    QProcess holder, audioHolder;
+    ASSERT_TRUE(startPublisher(holder, hosts.bus(), "Taken", "_airplay._tcp", 7001));
+    ASSERT_TRUE(startPublisher(audioHolder, hosts.bus(), "Held@Room", "_raop._tcp", 7001));
+    Registration taken("_airplay._tcp.", "Taken", "10.1.1.1");
+    ASSERT_TRUE(taken.startAndWait("stop"));
+    EXPECT_EQ(taken.rec.events, (std::vector<std::string>{"didNot", "stop"}));
+    EXPECT_EQ(taken.rec.lastError, -65548);
+    EXPECT_FALSE(taken.reg.isStarted());
+
+    const struct {
+        const char *audioName;
+        bool withAudioTxt;
+        int calls;
+        bool success;
+        int error;
+    } cases[] = {
+        {"Free@Room", true, 1, true, 0},
+        {"Held@Room", true, 1, false, -65548},
+        {"Free@Room", false, 0, false, 0},
+    };
+    AirPlayManager &m = AirPlayManager::sharedManager();
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.audioName);
+        int calls = 0;
+        bool success = false;
+        int error = 0;
+        m.connectToAppleTVAirplayName(QStringLiteral("Room"), QString::fromUtf8(c.audioName), QStringLiteral("10.1.1.1"), 7000,
+            7000, kTxt, c.withAudioTxt ? std::optional(kTxt) : std::nullopt, [&](bool ok, const std::optional<DNSSDError> &e) {
+                ++calls;
+                success = ok;
+                error = e ? e->code : 0;
+            });
+        // Wait until both services have answered, whatever the order.
+        if (c.calls)
+            ASSERT_TRUE(waitUntil([&] { return m.videoFlagValue() != 0 && m.audioFlagValue() != 0; }, 15s));
+        else
+            EXPECT_FALSE(m.currentVideoRegistration() && m.currentVideoRegistration()->isStarted());
+        EXPECT_EQ(calls, c.calls);
+        EXPECT_EQ(success, c.success);
+        EXPECT_EQ(error, c.error);
+        m.disconnect();
+    }
+
+    Registration lost("_airplay._tcp.", "Lost", "10.1.1.1");
+    ASSERT_TRUE(lost.startAndWait());
+    hosts.killDaemon();
+    ASSERT_TRUE(lost.waitFor("stop"));
+    EXPECT_EQ(lost.rec.events, (std::vector<std::string>{"will", "did", "didNot", "stop"}));
+    EXPECT_EQ(lost.rec.lastError, -65563);
+    EXPECT_FALSE(lost.reg.isStarted());
+    // With the daemon gone a new start fails at once.
+    lost.rec.events.clear();
+    lost.reg.start();
+    EXPECT_EQ(lost.rec.events, (std::vector<std::string>{"didNot", "stop"}));
+    EXPECT_EQ(lost.rec.lastError, -65563);
+}
+
+TEST(AirPlayManager, NamesAndReconfirmData)
+{
+    AirPlayManager m;
+    EXPECT_TRUE(m.audioNameWithDeviceID(QStringLiteral("AA:BB")).isNull()) << "no name yet";
+    m.connectToAppleTVAirplayName(QStringLiteral("Room"), QStringLiteral("x"), QStringLiteral("1.2.3.4"), 1, 1,
+        std::nullopt, std::nullopt, {});
+    EXPECT_EQ(m.audioNameWithDeviceID(QStringLiteral("AA:BB:CC:DD:EE:FF")), QStringLiteral("AABBCCDDEEFF@Room"));
+    EXPECT_TRUE(m.audioNameWithDeviceID(QString()).isNull());
+
+    QString recordName;
+    const auto data = AirPlayManager::reconfirmRecordData(QStringLiteral("Room._airplay._tcp.local."), &recordName);
+    ASSERT_TRUE(data);
+    EXPECT_EQ(*data, QByteArray("\x04Room\x08_airplay\x04_tcp\x05local\x00", 26));
+    EXPECT_EQ(recordName, QStringLiteral("_airplay._tcp.local."));
+    for (const char *bad : {"a._tcp.local.", "Room._airplay._tcp.local", "Room._airplay._sctp.local."})
+        EXPECT_FALSE(AirPlayManager::reconfirmRecordData(QString::fromLatin1(bad))) << bad;
+    EXPECT_FALSE(AirPlayManager::reconfirmRecordData(QString(64, QLatin1Char('x')) + QStringLiteral("._a._tcp.local.")));
+    QString longName = QStringLiteral("Room._a._tcp.");
+    for (int i = 0; i < 4; ++i) longName += QString(60, QLatin1Char('x')) + QLatin1Char('.');
+    EXPECT_FALSE(AirPlayManager::reconfirmRecordData(longName)) << "258 bytes of data";
+    EXPECT_TRUE(AirPlayManager::reconfirmRecordData(longName.left(13 + 3 * 61))) << "196 bytes";
+}
+
+namespace {
+
+QVariantMap message(const QString &id, const QVariantMap &property)
+{
+    return {{QStringLiteral("id"), id}, {QStringLiteral("property"), property}};
+}
+
+QVariantMap config(const QVariant &airplayTxt, const QVariant &airtunesTxt, const QVariant &port)
+{
+    QVariantMap p{{QStringLiteral("port"), port}};
+    if (airplayTxt.isValid()) p.insert(QStringLiteral("airplay_txt"), airplayTxt);
+    if (airtunesTxt.isValid()) p.insert(QStringLiteral("airtunes_txt"), airtunesTxt);
+    return message(QStringLiteral("id_airplay_config"), p);
+}
+
+void receive(const QVariantMap &msg)
+{
+    NotificationCenter::defaultCenter().post(QString::fromLatin1(notice::NETCONTROL_RECEIVE), msg);
+}
+
+const QString kName = QStringLiteral("Korvane无线投屏");
+const QVariantMap kAirplayTxt{{QStringLiteral("deviceid"), QStringLiteral("02:56:43:00:00:01")},
+    {QStringLiteral("model"), QStringLiteral("R1,1")}};
+const QVariantMap kAirtunesTxt{{QStringLiteral("tp"), QStringLiteral("UDP")}, {QStringLiteral("ch"), QStringLiteral("2")}};
+
+} // namespace
+
+TEST(AirplayControlData, ReceiverTxtIsChecked)
+{
+    QVariantMap huge;
+    for (int i = 0; i < 20000; ++i) huge.insert(QStringLiteral("k%1").arg(i), QStringLiteral("v"));
+    const struct {
+        const char *what;
+        QVariant value;
+        std::optional<int> kept; // nullopt: not a dictionary
+    } cases[] = {
+        {"good", kAirplayTxt, 2},
+        {"number value", QVariantMap{{QStringLiteral("a"), 1}, {QStringLiteral("b"), QStringLiteral("x")}}, 1},
+        {"nested value", QVariantMap{{QStringLiteral("a"), QVariantMap{}}, {QStringLiteral("b"), QVariantList{}}}, 0},
+        {"= in key", QVariantMap{{QStringLiteral("a=b"), QStringLiteral("x")}}, 0},
+        {"control char in key", QVariantMap{{QStringLiteral("a\nb"), QStringLiteral("x")}}, 0},
+        {"empty key", QVariantMap{{QString(), QStringLiteral("x")}}, 0},
+        {"non-ASCII value", QVariantMap{{QStringLiteral("n"), QStringLiteral("无线")}}, 0},
+        {"huge", huge, 20000},
+        {"string", QStringLiteral("deviceid=1"), std::nullopt},
+        {"list", QVariantList{1, 2}, std::nullopt},
+        {"missing", QVariant(), std::nullopt},
+    };
+    for (const auto &c : cases) {
+        const auto txt = AirplayControl::checkedTxt(c.value, QStringLiteral("airplay_txt"));
+        EXPECT_EQ(txt ? std::optional<int>(int(txt->size())) : std::nullopt, c.kept) << c.what;
+    }
+}
+
+// Start → request; a bad config registers nothing; config → both services on this machine;
+// type 1 leaves them; type 2 withdraws them and tells the panel; a config without deviceid
+// advertises the audio service as "@<name>"; the panel's stop sends the disconnect. (The
+// withdrawal on the panel's stop runs in the end-to-end test.)
+TEST(AirplayControlAvahi, RoadStartsAdvertisesAndEnds)
+{
+    AvahiHosts hosts;
+    NEED_HOSTS(hosts);
+    auto &center = NotificationCenter::defaultCenter();
+    QVariantList sent;
+    int beStop = 0;
+    Observation sendObs = center.addObserver(QString::fromLatin1(notice::NETCONTROL_SEND), [&](const QVariant &o) { sent << o; });
+    Observation stopObs = center.addObserver(QString::fromLatin1(notice::NOTICE_BESTOP_AIRPLAY), [&](const QVariant &) { ++beStop; });
+    AirplayControl &control = AirplayControl::shareControl();
+    control.setIpStr(QStringLiteral("10.77.1.1"));
+    const QString bus = hosts.bus();
+    const QString audioName = QStringLiteral("025643000001@") + kName;
+    const auto registered = [] { return AirPlayManager::sharedManager().currentVideoRegistration() != nullptr; };
+
+    receive(config(kAirplayTxt, kAirtunesTxt, 7000));
+    EXPECT_FALSE(registered()) << "not listening yet";
+    center.post(QString::fromLatin1(notice::AIRPLAYCONTROL_START));
+    ASSERT_EQ(sent.size(), 1);
+    EXPECT_EQ(sent.at(0).toMap(), message(QStringLiteral("id_permission_request"), {{QStringLiteral("type"), 2}}));
+    // Receiver data that must not be advertised; without the audio TXT nothing is registered.
+    for (const QVariant &port : {QVariant(0), QVariant(65536), QVariant(QStringLiteral("http")), QVariant()}) {
+        receive(config(kAirplayTxt, kAirtunesTxt, port));
+        EXPECT_FALSE(registered()) << port.toString().toStdString();
+    }
+    receive(config(kAirplayTxt, QVariant(), 7000));
+    EXPECT_FALSE(registered());
+
+    receive(config(kAirplayTxt, kAirtunesTxt, QStringLiteral("7000")));
+    ASSERT_TRUE(waitBrowsed(bus, "_airplay._tcp", kName) && waitBrowsed(bus, "_raop._tcp", audioName));
+    receive(message(QStringLiteral("id_permission_disconnect"), {{QStringLiteral("type"), 1}}));
+    receive(message(QStringLiteral("id_airplay_screen_succeed"), {}));
+    EXPECT_TRUE(browseHas(bus, "_raop._tcp", audioName));
+    EXPECT_EQ(beStop, 0);
+    receive(message(QStringLiteral("id_permission_disconnect"), {{QStringLiteral("type"), QStringLiteral("2")}}));
+    EXPECT_EQ(beStop, 1);
+    EXPECT_FALSE(control.isListening());
+    EXPECT_TRUE(waitBrowsed(bus, "_airplay._tcp", kName, false) && waitBrowsed(bus, "_raop._tcp", audioName, false));
+
+    center.post(QString::fromLatin1(notice::AIRPLAYCONTROL_START));
+    receive(config(QVariantMap{{QStringLiteral("model"), QStringLiteral("R1,1")}}, kAirtunesTxt, 7000));
+    ASSERT_TRUE(waitBrowsed(bus, "_raop._tcp", QStringLiteral("@") + kName));
+    sent.clear();
+    center.post(QString::fromLatin1(notice::AIRPLAYCONTROL_STOP));
+    ASSERT_EQ(sent.size(), 1);
+    EXPECT_EQ(sent.at(0).toMap(), message(QStringLiteral("id_permission_disconnect"), {{QStringLiteral("type"), 2}}));
+}
