@@ -1,13 +1,9 @@
 #!/usr/bin/env bash
-# The second road end to end: the real program under Xvfb in a network namespace, the
-# reference receiver, a private avahi-daemon and a PulseAudio with module-raop-discover.
-# The road is picked and started with the keyboard in the real window; after the receiver's
-# id_airplay_config both services must be on this machine and the sound server must offer
-# an output device for the receiver; the receiver's "stop" (id_permission_disconnect type 2)
-# and the panel's "停止投屏" must each withdraw them.
-#
+# The second road end to end: the real program under Xvfb in a network namespace, the reference
+# receiver, a private avahi-daemon and a PulseAudio with module-raop-discover. After the receiver's
+# configuration both services and a RAOP output device must appear; the receiver's stop and the
+# panel's "停止投屏" must each withdraw them. Exit 77 (skipped) without the tools or namespaces.
 # usage: end_to_end_second_road_test.sh VELOCAST_BIN RECEIVER_BIN
-# Exit 77 (skipped) when namespaces, Xvfb, avahi-daemon or the RAOP module are not available.
 set -euo pipefail
 app=$1 receiver=$2
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
