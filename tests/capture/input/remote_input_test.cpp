@@ -36,39 +36,31 @@ void drainMainThread()
     }
 }
 
-// Xvfb on a display it picks itself (-displayfd writes its number), stopped when this goes.
-struct PrivateXServer {
-    bool start(QSize screen)
+// Xvfb on a display it picks itself (-displayfd writes its number) with the XTest backend on it
+// (the captured area at origin unless given), and a connection of its own that records the button
+// presses and releases the server delivers (XInput2 raw events: "p1", "r1", ...).
+struct XRig {
+    explicit XRig(QSize screen = {1280, 800}, QRect area = {})
     {
         // -displayfd complains about each taken display number: that goes to a log file.
         const QString command = QStringLiteral("exec Xvfb -displayfd 1 -screen 0 %1x%2x24 -nolisten tcp 2>'%3/xvfb.log'")
                                     .arg(screen.width()).arg(screen.height()).arg(test::freshTempDir());
-        if (!process.start("/bin/sh", {"-c", command}, [this](const QByteArray &b) { display += QString::fromLatin1(b); }, &error))
-            return false;
-        if (!waitUntil([&] { return display.endsWith('\n'); }, 20s)) error = QStringLiteral("Xvfb did not come up");
+        if (!xvfb.start("/bin/sh", {"-c", command}, [this](const QByteArray &b) { display += QString::fromLatin1(b); }, &error))
+            return;
+        if (!waitUntil([&] { return display.endsWith('\n'); }, 20s)) {
+            error = QStringLiteral("Xvfb did not come up");
+            return;
+        }
         display = ':' + display.trimmed();
-        return error.isEmpty();
-    }
-    test::ChildProcess process;
-    QString display, error;
-};
-
-// A private X server with the XTest backend on it (the captured area at origin unless given),
-// and a connection of its own that records the button presses and releases the server delivers
-// (XInput2 raw events: "p1", "r1", ...).
-struct XRig {
-    explicit XRig(QSize screen = {1280, 800}, QRect area = {})
-    {
-        if (!x.start(screen)) return;
-        auto injector = makeXTestInputInjector(x.display, &x.error);
+        auto injector = makeXTestInputInjector(display, &error);
         if (!injector) return;
         InputEvent::setInjector(std::move(injector));
-        InputEvent::setCaptureStream({x.display, 0, area.isNull() ? QRect(QPoint(0, 0), screen) : area, {}, 0});
+        InputEvent::setCaptureStream({display, 0, area.isNull() ? QRect(QPoint(0, 0), screen) : area, {}, 0});
         MouseEvent::castEnded(); // nothing held from an earlier test in this process
         drainMainThread();
-        int event = 0, error = 0, major = 2, minor = 2;
-        dpy = XOpenDisplay(x.display.toLocal8Bit().constData());
-        if (!dpy || !XQueryExtension(dpy, "XInputExtension", &xiOpcode, &event, &error)) return;
+        int event = 0, xerror = 0, major = 2, minor = 2;
+        dpy = XOpenDisplay(display.toLocal8Bit().constData());
+        if (!dpy || !XQueryExtension(dpy, "XInputExtension", &xiOpcode, &event, &xerror)) return;
         XIQueryVersion(dpy, &major, &minor);
         unsigned char bits[XIMaskLen(XI_LASTEVENT)] = {};
         XIEventMask mask{XIAllMasterDevices, int(sizeof bits), bits};
@@ -108,13 +100,14 @@ struct XRig {
         return {{rx, ry}, mask & (Button1Mask | Button2Mask | Button3Mask | Button4Mask | Button5Mask)};
     }
     QPoint pointer() const { return query().first; }
-    PrivateXServer x;
+    test::ChildProcess xvfb;
+    QString display, error;
     Display *dpy = nullptr;
     int xiOpcode = 0;
 };
 
 #define REQUIRE_X(rig) \
-    if (!(rig).ok()) GTEST_SKIP() << "no private X server: " << (rig).x.error.toStdString()
+    if (!(rig).ok()) GTEST_SKIP() << "no private X server: " << (rig).error.toStdString()
 
 struct Action {
     int type;
@@ -144,8 +137,6 @@ TEST(MouseEvent, ActionCodesDeliverWhatTheHeldButtonAllows)
         QPoint pointer;
         const char *atCastEnd;
     } cases[] = {
-        {"left click", {{1, {10, 20}, {}}, {2, {10, 20}, {}}}, "p1 r1", -1, {10, 20}, ""},
-        {"right click", {{3, {30, 40}, {}}, {4, {31, 41}, {}}}, "p3 r3", -1, {31, 41}, ""},
         {"right down while left held", {{1, {10, 10}, {}}, {3, {50, 50}, {}}, {4, {50, 50}, {}}}, "p1", 0, {10, 10}, "r1"},
         {"unmatched up", {{2, {5, 5}, {}}, {4, {5, 5}, {}}, {6, {5, 5}, {}}}, "", -1, {-1, -1}, ""},
         // The centre "up" is a second centre down: the button stays down on the desktop while
@@ -154,7 +145,6 @@ TEST(MouseEvent, ActionCodesDeliverWhatTheHeldButtonAllows)
         {"left drag", {{1, {10, 10}, {}}, {8, {200, 100}, {}}, {8, {210, 110}, {}}}, "p1", 0, {210, 110}, "r1"},
         {"right drag", {{3, {10, 10}, {}}, {8, {20, 30}, {}}, {4, {20, 30}, {}}}, "p3 r3", -1, {20, 30}, ""},
         {"drag with nothing held", {{8, {200, 100}, {}}}, "", -1, {-1, -1}, ""},
-        {"double left", {{7, {40, 50}, {}}}, "p1 r1 p1 r1", -1, {40, 50}, ""},
         {"double left while right held", {{3, {1, 1}, {}}, {7, {40, 50}, {}}}, "p3 p1 r1 p1 r1", 1, {40, 50}, "r3"},
         {"unknown codes", {{0, {1, 1}, {}}, {10, {1, 1}, {}}, {-1, {1, 1}, {}}, {25, {1, 1}, {}}}, "", -1, {-1, -1}, ""},
         {"wheel down and left", {{9, {999, 999}, {2, -3}}}, "p5 r5 p5 r5 p5 r5 p6 r6 p6 r6", -1, {-1, -1}, ""},
@@ -189,16 +179,14 @@ TEST(MacScreenCaptureInput, MapsTheReceiversAreaOntoTheCapturedOutputDuringACast
         QPointF at;
         QPoint root;
     } pixels[] = {
-        {{300, 200, 640, 400}, {10, 20}, {310, 220}},
         {{300, 200, 640, 400}, {10.9, 20.2}, {310, 220}},
         {{300, 200, 640, 400}, {-160, 0}, {140, 200}},
         {{0, 0, 2880, 1800}, {-160, 0}, {0, 0}},
-        {{0, 0, 2880, 1800}, {5000, 5000}, {2879, 1799}},
         {{0, 0, 2880, 1800}, {1e9, 1e9}, {2879, 1799}},
         {{0, 0, 2880, 1800}, {-1e12, 7}, {0, 7}},
     };
     for (const auto &c : pixels) {
-        InputEvent::setCaptureStream({rig.x.display, 0, c.area, {}, 0});
+        InputEvent::setCaptureStream({rig.display, 0, c.area, {}, 0});
         MouseEvent::leftDown(c.at);
         MouseEvent::leftUp(c.at);
         drainMainThread();
@@ -206,7 +194,7 @@ TEST(MacScreenCaptureInput, MapsTheReceiversAreaOntoTheCapturedOutputDuringACast
         EXPECT_EQ(rig.pointer(), c.root) << c.at.x() << "," << c.at.y();
     }
 
-    InputEvent::setCaptureStream({rig.x.display, 0, QRect(400, 100, 2880, 1800), {}, 0});
+    InputEvent::setCaptureStream({rig.display, 0, QRect(400, 100, 2880, 1800), {}, 0});
     MacScreenCapture capture([] { return std::unique_ptr<capture::CaptureBackend>(); });
     capture.setScreenSize({2880, 1800});
     MouseEvent::castStarted();
@@ -241,28 +229,12 @@ TEST(MacScreenCaptureInput, MapsTheReceiversAreaOntoTheCapturedOutputDuringACast
     EXPECT_TRUE(log.lines().join('\n').contains("dropped: no cast is running"));
 }
 
-// Without any display the events are dropped, and the reason is logged once.
-TEST(XTestInjector, WithoutADisplayEventsAreDroppedWithOneLogLine)
-{
-    test::LogRecorder log;
-    {
-        test::ScopedEnv noDisplay("DISPLAY", {});
-        InputEvent::setInjector(nullptr);
-        InputEvent::setCaptureStream({});
-        MouseEvent::leftDown({1, 1});
-        MouseEvent::leftUp({1, 1});
-        InputEvent::inputString("x");
-        drainMainThread();
-    }
-    EXPECT_EQ(log.lines().filter("remote input is not available: no display").size(), 1) << log.lines().join('\n').toStdString();
-}
-
 // What a toolkit makes of it: a Qt window on the same display.
 TEST(XTestInjector, AQtWindowSeesDoubleClicksAndUnicodeText)
 {
     XRig rig;
     REQUIRE_X(rig);
-    test::ProbeWindow probe(rig.x.display);
+    test::ProbeWindow probe(rig.display);
     ASSERT_TRUE(probe.start()) << probe.log().toStdString();
 
     MouseEvent::doubleLeft({600, 500});
@@ -300,7 +272,7 @@ TEST(MacScreenCaptureInput, ReceiverPointerCommandsActDuringARealCast)
     if (!test::ReferenceReceiver::available()) GTEST_SKIP() << "built without the reference receiver";
     XRig rig;
     REQUIRE_X(rig);
-    test::ScopedEnv display("DISPLAY", rig.x.display.toLocal8Bit());
+    test::ScopedEnv display("DISPLAY", rig.display.toLocal8Bit());
 
     // The receiver's picture is 1280 x 720: the 1280 x 800 screen sits in it at (64, 0),
     // 1152 x 720, so receiver (640, 360) is screen (640, 400).
