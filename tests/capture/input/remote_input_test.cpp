@@ -115,20 +115,13 @@ struct Action {
     QPointF wheel;
 };
 
-std::string wheelClicks(int button, int n)
-{
-    QStringList out;
-    for (int i = 0; i < n; ++i) out << QStringLiteral("p%1 r%1").arg(button);
-    return out.join(' ').toStdString();
-}
-
 // Each row: the receiver's actions, the raw button events, the held value and the pointer
 // ((-1,-1): not moved) after them, and what ending the cast lets go (no button stays down).
 TEST(MouseEvent, ActionCodesDeliverWhatTheHeldButtonAllows)
 {
     XRig rig;
     REQUIRE_X(rig);
-    const std::string hostileWheel = wheelClicks(4, InputEvent::kMaxWheelClicks);
+    const std::string hostileWheel = QStringList(InputEvent::kMaxWheelClicks, "p4 r4").join(' ').toStdString();
     const struct {
         const char *name;
         std::vector<Action> actions;

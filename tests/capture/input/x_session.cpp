@@ -1,9 +1,5 @@
 #include "x_session.h"
 
-#include "support/test_support.h"
-
-using namespace std::chrono_literals;
-
 namespace velocast::test {
 
 ProbeWindow::ProbeWindow(const QString &display)
@@ -18,23 +14,6 @@ ProbeWindow::ProbeWindow(const QString &display)
         pending_ += process_.readAllStandardOutput();
         for (qsizetype nl; (nl = pending_.indexOf('\n')) >= 0; pending_.remove(0, nl + 1)) lines_ << QString::fromUtf8(pending_.left(nl));
     });
-}
-
-ProbeWindow::~ProbeWindow()
-{
-    process_.kill();
-    process_.waitForFinished(5000);
-}
-
-bool ProbeWindow::start()
-{
-    process_.start(QStringLiteral(VELOCAST_INPUT_PROBE), {});
-    return waitForLine(QStringLiteral("ready"));
-}
-
-bool ProbeWindow::waitForLine(const QString &line)
-{
-    return waitUntil([&] { return lines_.contains(line); }, 20s);
 }
 
 } // namespace velocast::test

@@ -1,6 +1,8 @@
 // The probe window for the remote input tests, and a scoped environment variable.
 #pragma once
 
+#include "support/test_support.h"
+
 #include <QByteArray>
 #include <QProcess>
 #include <QString>
@@ -23,14 +25,22 @@ private:
 };
 
 // A child Qt program (input_probe.cpp) that reports what a toolkit sees, one line per event
-// ("press 1 X Y", "dblclick 1 X Y", "wheel DX DY", "text ...", "key MODS KEY"). On that X
+// ("press 1 X Y", "dblclick 1 X Y", "wheel DX DY", "text ...", "key MODS+KEY"). On that X
 // display, or without one a client of the Wayland compositor the environment names.
 class ProbeWindow {
 public:
     explicit ProbeWindow(const QString &display = {});
-    ~ProbeWindow();
-    bool start();
-    bool waitForLine(const QString &line);
+    ~ProbeWindow()
+    {
+        process_.kill();
+        process_.waitForFinished(5000);
+    }
+    bool start()
+    {
+        process_.start(QStringLiteral(VELOCAST_INPUT_PROBE), {});
+        return waitForLine(QStringLiteral("ready"));
+    }
+    bool waitForLine(const QString &line) { return waitUntil([&] { return lines_.contains(line); }, std::chrono::seconds(20)); }
     QString log() const { return lines_.join('\n'); }
     void clear() { lines_.clear(); }
 

@@ -52,8 +52,6 @@ round() { # round LABEL: the receiver allows and sends its configuration; everyt
     echo grant >&3
     echo airplay-config >&3
     wait_for 30 advertised || fail "$1: services not advertised" "$tmp/app.log"
-    timeout 5 avahi-browse -t -r -p -k _raop._tcp | grep '^=' | grep -q ';10.77.1.1;7000;' \
-        || fail "$1: the RAOP service does not resolve to the receiver"
     wait_for 30 raop_sink || fail "$1: no RAOP output device" "$tmp/pulse.log"
     echo "$1: advertised; output device: $(pactl list short sinks | grep raop_output | cut -f2)"
 }
