@@ -162,8 +162,10 @@ TEST(DNSSDRegistrationWire, TxtAddressTargetAndNormalisedArguments)
 // What another process sees: SRV target, address, port and the TXT bytes in order, on this
 // machine only (a second host on the link does not see it, though it sees a service published
 // for the network); start twice publishes once; stop withdraws; start again republishes. A zero
-// octet cuts the address record short: Avahi refuses that record, the service stays.
-TEST(DNSSDRegistrationAvahi, PublishesLocallyWithdrawsAndRepublishes)
+// octet cuts the address record short: Avahi refuses that record, the service stays. A name taken
+// by another process: the manager makes one failure call once both services answered (later
+// events change nothing). A lost daemon reaches the delegate as did-not-register then did-stop.
+TEST(DNSSDRegistrationAvahi, PublishesWithdrawsConflictsAndLosesTheDaemon)
 {
     AvahiHosts hosts(2);
     NEED_HOSTS(hosts);
@@ -196,15 +198,7 @@ TEST(DNSSDRegistrationAvahi, PublishesLocallyWithdrawsAndRepublishes)
     EXPECT_EQ(log.count(QStringLiteral("add record error")), 1);
     EXPECT_TRUE(browseHas(hosts.bus(), "_raop._tcp", "Zero"));
     EXPECT_TRUE(browse(hosts.bus(), "_raop._tcp", true).isEmpty()) << "resolved without an address record";
-}
 
-// A name taken by another process: the manager makes one failure call once both services
-// answered (later events change nothing). A lost daemon reaches the delegate as did-not-register
-// then did-stop, and leaves it stopped.
-TEST(DNSSDRegistrationAvahi, AConflictAndALostDaemon)
-{
-    AvahiHosts hosts;
-    NEED_HOSTS(hosts);
     QProcess holder;
     ASSERT_TRUE(startPublisher(holder, hosts.bus(), "Held@Room", "_raop._tcp", 7001));
     AirPlayManager &m = AirPlayManager::sharedManager();
