@@ -104,10 +104,9 @@ def close_session(handle, emit):
     bus.unregister_object(s["reg"])
 
 
-def session_call(conn, sender, path, iface, method, params, inv):
-    if method == "Close":
-        log("Session.Close")
-        close_session(path, emit=False)
+def session_call(conn, sender, path, iface, method, params, inv):  # Close, its only method
+    log("Session.Close")
+    close_session(path, emit=False)
     inv.return_value(None)
 
 
@@ -225,13 +224,9 @@ def method_call(conn, sender, path, iface, method, params, inv):
         inv.return_value(None)
 
 
-def get_property(conn, sender, path, iface, prop):
-    value = INTERFACES[iface][1].get(prop)
-    return None if value is None else GLib.Variant("u", value)
-
-
 for interface in node.interfaces:
-    bus.register_object("/org/freedesktop/portal/desktop", interface, method_call, get_property, None)
+    bus.register_object("/org/freedesktop/portal/desktop", interface, method_call,
+                        lambda conn, sender, path, iface, prop: GLib.Variant("u", INTERFACES[iface][1][prop]), None)
 
 Gio.bus_own_name_on_connection(bus, BUS_NAME, Gio.BusNameOwnerFlags.NONE,
                                lambda *_: print("portal test backend ready", flush=True), lambda *_: loop.quit())

@@ -121,6 +121,29 @@ struct Registration : DNSSDRegistrationDelegate {
     DNSSDRegistration reg;
 };
 
+QVariantMap message(const QString &id, const QVariantMap &property)
+{
+    return {{QStringLiteral("id"), id}, {QStringLiteral("property"), property}};
+}
+
+QVariantMap config(const QVariant &airplayTxt, const QVariant &airtunesTxt, const QVariant &port)
+{
+    QVariantMap p{{QStringLiteral("port"), port}};
+    if (airplayTxt.isValid()) p.insert(QStringLiteral("airplay_txt"), airplayTxt);
+    if (airtunesTxt.isValid()) p.insert(QStringLiteral("airtunes_txt"), airtunesTxt);
+    return message(QStringLiteral("id_airplay_config"), p);
+}
+
+void receive(const QVariantMap &msg)
+{
+    NotificationCenter::defaultCenter().post(QString::fromLatin1(notice::NETCONTROL_RECEIVE), msg);
+}
+
+const QString kName = QStringLiteral("Korvane无线投屏");
+const QVariantMap kAirplayTxt{{QStringLiteral("deviceid"), QStringLiteral("02:56:43:00:00:01")},
+    {QStringLiteral("model"), QStringLiteral("R1,1")}};
+const QVariantMap kAirtunesTxt{{QStringLiteral("tp"), QStringLiteral("UDP")}, {QStringLiteral("ch"), QStringLiteral("2")}};
+
 } // namespace
 
 // The plain cases (a TXT set, a full address, a name with a space, an address with a zero
@@ -222,33 +245,6 @@ TEST(DNSSDRegistrationAvahi, PublishesWithdrawsConflictsAndLosesTheDaemon)
     EXPECT_EQ(lost.events, (std::vector<std::string>{"didNot", "stop"}));
     EXPECT_EQ(lost.lastError, -65563);
 }
-
-namespace {
-
-QVariantMap message(const QString &id, const QVariantMap &property)
-{
-    return {{QStringLiteral("id"), id}, {QStringLiteral("property"), property}};
-}
-
-QVariantMap config(const QVariant &airplayTxt, const QVariant &airtunesTxt, const QVariant &port)
-{
-    QVariantMap p{{QStringLiteral("port"), port}};
-    if (airplayTxt.isValid()) p.insert(QStringLiteral("airplay_txt"), airplayTxt);
-    if (airtunesTxt.isValid()) p.insert(QStringLiteral("airtunes_txt"), airtunesTxt);
-    return message(QStringLiteral("id_airplay_config"), p);
-}
-
-void receive(const QVariantMap &msg)
-{
-    NotificationCenter::defaultCenter().post(QString::fromLatin1(notice::NETCONTROL_RECEIVE), msg);
-}
-
-const QString kName = QStringLiteral("Korvane无线投屏");
-const QVariantMap kAirplayTxt{{QStringLiteral("deviceid"), QStringLiteral("02:56:43:00:00:01")},
-    {QStringLiteral("model"), QStringLiteral("R1,1")}};
-const QVariantMap kAirtunesTxt{{QStringLiteral("tp"), QStringLiteral("UDP")}, {QStringLiteral("ch"), QStringLiteral("2")}};
-
-} // namespace
 
 TEST(AirplayControlData, ReceiverTxtIsChecked)
 {

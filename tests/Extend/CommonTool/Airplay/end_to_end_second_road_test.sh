@@ -13,8 +13,7 @@ start_namespace avahi-browse pulseaudio pactl
 cleanup_extra() { bash "$here/avahi_hosts.sh" stop "$tmp/mdns" || true; }
 rc=0; bash "$here/avahi_hosts.sh" start "$tmp/mdns" 1 || rc=$?
 [ $rc -eq 0 ] || { [ $rc -eq 77 ] && { echo "skip: no private avahi-daemon"; exit 77; }; fail "avahi-daemon"; }
-export DBUS_SYSTEM_BUS_ADDRESS
-DBUS_SYSTEM_BUS_ADDRESS=$(cat "$tmp/mdns/host1.bus")
+export DBUS_SYSTEM_BUS_ADDRESS=$(cat "$tmp/mdns/host1.bus")
 
 # The sound server, looking for RAOP services through the private daemon.
 mkdir -p "$tmp/pulse-home" "$tmp/pulse-run"; chmod 700 "$tmp/pulse-run"
@@ -58,12 +57,12 @@ round() { # round LABEL: the receiver allows and sends its configuration; everyt
 gone() { # gone LABEL: services and output device withdrawn
     wait_for 30 withdrawn || fail "$1 did not withdraw the services" "$tmp/app.log"
     wait_for 30 no_raop_sink || fail "the output device stayed after $1"
+    echo "$1: withdrawn, output device gone"
 }
 
 round "receiver ends"
 echo stop >&3
 gone "the receiver's stop"
-echo "receiver ends: withdrawn, output device gone"
 
 # The panel still shows "停止投屏" (it does not follow the receiver's end of this road):
 # Space sets it back, Space starts again.
@@ -78,5 +77,4 @@ in_ns xdotool key space
 gone "停止投屏"
 [ "$(count_event '"id":"id_permission_disconnect"')" -gt "$before" ] || fail "no id_permission_disconnect sent"
 grep -q 'regist airplay : Korvane无线投屏 (null)' "$tmp/app.log" || fail "no registration log line"
-echo "panel ends: withdrawn, output device gone, receiver told"
 echo "1 passed, 0 failed"
