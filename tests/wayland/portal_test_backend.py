@@ -1,16 +1,12 @@
 #!/usr/bin/python3
-"""A desktop-portal backend for tests: the ScreenCast and RemoteDesktop backend interfaces,
-answered without a dialog by forwarding to a headless mutter's own D-Bus API.
-
-Every call is appended to $VC_PORTAL_LOG as one JSON object per line. $VC_PORTAL_CONTROL
-holds words that change the next Start: "cancel" (the person cancels the dialog) and
-"chooser-fails" (the dialog cannot be shown: only a session restored from its token
-starts). The extra interface org.velocast.PortalTest has CloseSessions(), which stops
-the compositor's sessions the way the desktop's own "stop sharing" indicator does.
+"""A desktop-portal backend for tests: ScreenCast and RemoteDesktop answered without a dialog by
+forwarding to a headless mutter. Every call is appended to $VC_PORTAL_LOG as a JSON line.
+$VC_PORTAL_CONTROL words change the next Start: "cancel" (the person cancels), "chooser-fails"
+(only a session restored from its token starts). org.velocast.PortalTest.CloseSessions() stops the
+compositor's sessions the way the desktop's "stop sharing" indicator does.
 """
 import json
 import os
-import sys
 
 import gi
 
@@ -31,22 +27,17 @@ INTERFACES = {
         {"AvailableSourceTypes": 1, "AvailableCursorModes": 1 | 2, "version": 4}),
     "org.freedesktop.impl.portal.RemoteDesktop": (
         {"CreateSession": REQUEST, "SelectDevices": REQUEST, "Start": START,
-         "NotifyPointerMotion": ("o a{sv} d d", ""), "NotifyPointerMotionAbsolute": ("o a{sv} u d d", ""),
-         "NotifyPointerButton": ("o a{sv} i u", ""), "NotifyPointerAxis": ("o a{sv} d d", ""),
-         "NotifyPointerAxisDiscrete": ("o a{sv} u i", ""), "NotifyKeyboardKeycode": ("o a{sv} i u", ""),
-         "NotifyKeyboardKeysym": ("o a{sv} i u", "")},
+         "NotifyPointerMotionAbsolute": ("o a{sv} u d d", ""), "NotifyPointerButton": ("o a{sv} i u", ""),
+         "NotifyPointerAxisDiscrete": ("o a{sv} u i", ""), "NotifyKeyboardKeysym": ("o a{sv} i u", "")},
         {"AvailableDeviceTypes": 1 | 2, "version": 1}),
     "org.velocast.PortalTest": ({"CloseSessions": ("", "u")}, {}),
 }
 # Input: the compositor's signature and arguments for each portal call (args as received).
 FORWARD = {
     "NotifyPointerMotionAbsolute": ("(sdd)", lambda s, a: (s["stream_path"], a[3], a[4])),
-    "NotifyPointerMotion": ("(dd)", lambda s, a: (a[2], a[3])),
     "NotifyPointerButton": ("(ib)", lambda s, a: (a[2], bool(a[3]))),
     "NotifyPointerAxisDiscrete": ("(ui)", lambda s, a: (a[2], a[3])),
-    "NotifyPointerAxis": ("(ddu)", lambda s, a: (a[2], a[3], 0)),
     "NotifyKeyboardKeysym": ("(ub)", lambda s, a: (a[2] & 0xFFFFFFFF, bool(a[3]))),
-    "NotifyKeyboardKeycode": ("(ub)", lambda s, a: (a[2] & 0xFFFFFFFF, bool(a[3]))),
 }
 
 
@@ -63,30 +54,21 @@ def introspection(interfaces):
     return "\n".join(out + ["</node>"])
 
 
-SESSION_XML = """
-<node><interface name="org.freedesktop.impl.portal.Session">
- <method name="Close"/><signal name="Closed"/><property name="version" type="u" access="read"/>
-</interface></node>
-"""
-
 bus = Gio.bus_get_sync(Gio.BusType.SESSION, None)
 node = Gio.DBusNodeInfo.new_for_xml(introspection(INTERFACES))
-session_node = Gio.DBusNodeInfo.new_for_xml(SESSION_XML)
+session_node = Gio.DBusNodeInfo.new_for_xml(introspection({"org.freedesktop.impl.portal.Session": ({"Close": ("", "")}, {"version": 1})}))
 sessions = {}  # portal session handle -> dict
 
 
 def log(call, **fields):
     fields["call"] = call
     with open(os.environ["VC_PORTAL_LOG"], "a", encoding="utf-8") as f:
-        f.write(json.dumps(fields) + "\n")
+        f.write(json.dumps(fields, default=repr) + "\n")
 
 
 def control_words():
-    try:
-        with open(os.environ["VC_PORTAL_CONTROL"], encoding="utf-8") as f:
-            return f.read().split()
-    except OSError:
-        return []
+    with open(os.environ["VC_PORTAL_CONTROL"], encoding="utf-8") as f:
+        return f.read().split()
 
 
 def mutter(path, iface, method, args=None, reply=None):
@@ -100,8 +82,7 @@ def mutter_property(name, path, iface, prop):
                          GLib.VariantType.new("(v)"), Gio.DBusCallFlags.NONE, -1, None).unpack()[0]
 
 
-def stop_in_compositor(s):
-    """Stops the compositor's session behind a portal session (the remote-desktop one holds the cast)."""
+def stop_in_compositor(s):  # the remote-desktop session holds the cast
     if s.get("rd_path"):
         mutter(s["rd_path"], MUTTER_RD + ".Session", "Stop")
     elif s.get("sc_path"):
@@ -123,10 +104,9 @@ def close_session(handle, emit):
     bus.unregister_object(s["reg"])
 
 
-def session_call(conn, sender, path, iface, method, params, inv):
-    if method == "Close":
-        log("Session.Close")
-        close_session(path, emit=False)
+def session_call(conn, sender, path, iface, method, params, inv):  # Close, its only method
+    log("Session.Close")
+    close_session(path, emit=False)
     inv.return_value(None)
 
 
@@ -152,7 +132,6 @@ def start(inv, session_handle):
     words = control_words()
     for word, response in (("cancel", 1), ("chooser-fails", 2)):
         if not restored and word in words:
-            log("Start.answer", response=response)
             answer(inv, response)
             return
     rd = s["kind"] == "rd"
@@ -176,7 +155,6 @@ def start(inv, session_handle):
         return
 
     def on_closed(*_):
-        log("Session.ClosedByCompositor")
         close_session(session_handle, emit=True)
 
     owner = MUTTER_RD if rd else MUTTER_SC
@@ -185,14 +163,9 @@ def start(inv, session_handle):
 
     def on_added(conn, sender, path, iface, signal, params):
         node_id = params.unpack()[0]
-        try:
-            p = mutter_property(MUTTER_SC, stream_path, MUTTER_SC + ".Stream", "Parameters")
-        except GLib.Error:
-            p = {}
-        stream = {"source_type": GLib.Variant("u", 1)}
-        for key in ("position", "size"):
-            if key in p:
-                stream[key] = GLib.Variant("(ii)", tuple(p[key]))
+        p = mutter_property(MUTTER_SC, stream_path, MUTTER_SC + ".Stream", "Parameters")
+        stream = {k: GLib.Variant("(ii)", tuple(p[k])) for k in ("position", "size") if k in p}
+        stream["source_type"] = GLib.Variant("u", 1)
         results = {"streams": GLib.Variant("a(ua{sv})", [(node_id, stream)])}
         persist = sel.get("persist_mode", 0)
         if persist:
@@ -200,7 +173,6 @@ def start(inv, session_handle):
             results["restore_data"] = GLib.Variant("(suv)", (VENDOR, 1, GLib.Variant("s", CONNECTOR)))
         if rd:
             results["devices"] = GLib.Variant("u", s.get("devices", 3))
-        log("Start.answer", response=0, node=node_id, restored=restored, size=list(p.get("size", ())))
         answer(inv, 0, results)
 
     s["subs"].append(bus.signal_subscribe(MUTTER_SC, MUTTER_SC + ".Stream", "PipeWireStreamAdded", stream_path, None,
@@ -210,10 +182,6 @@ def start(inv, session_handle):
     except GLib.Error as e:
         log("Start.error", message=e.message)
         answer(inv, 2)
-
-
-def plain(options):
-    return {k: v if isinstance(v, (int, float, str, bool)) else repr(v) for k, v in options.items()}
 
 
 def method_call(conn, sender, path, iface, method, params, inv):
@@ -230,22 +198,18 @@ def method_call(conn, sender, path, iface, method, params, inv):
         inv.return_value(create_session("rd" if "RemoteDesktop" in iface else "sc", args[1]))
     elif method in ("SelectSources", "SelectDevices"):
         options = args[3]
-        log(short, session=args[1], options=plain(options), restore="restore_data" in options)
+        log(short, session=args[1], options=options, restore="restore_data" in options)
         s = sessions.get(args[1])
         if s is None:
             answer(inv, 2)
             return
         if method == "SelectDevices":
-            s["devices"] = options.get("types", 3)
-            if "restore_data" in options:
-                s["options"]["restore_data"] = options["restore_data"]
-            if "persist_mode" in options:
-                s["options"].setdefault("persist_mode", options["persist_mode"])
+            s["devices"] = options.get("types", 3)  # this portal's version 1 keeps no device choice
         else:
             s["options"].update(options)
         answer(inv, 0)
     elif method == "Start":
-        log(short, session=args[1], options=plain(args[4]))
+        log(short, session=args[1], options=args[4])
         start(inv, args[1])
     else:
         # Input: logged with its arguments, forwarded to the compositor's session.
@@ -260,21 +224,11 @@ def method_call(conn, sender, path, iface, method, params, inv):
         inv.return_value(None)
 
 
-def get_property(conn, sender, path, iface, prop):
-    value = INTERFACES[iface][1].get(prop)
-    return None if value is None else GLib.Variant("u", value)
-
-
 for interface in node.interfaces:
-    bus.register_object("/org/freedesktop/portal/desktop", interface, method_call, get_property, None)
-
-
-def on_lost(*_):
-    print("portal test backend: bus name lost", file=sys.stderr, flush=True)
-    loop.quit()
-
+    bus.register_object("/org/freedesktop/portal/desktop", interface, method_call,
+                        lambda conn, sender, path, iface, prop: GLib.Variant("u", INTERFACES[iface][1][prop]), None)
 
 Gio.bus_own_name_on_connection(bus, BUS_NAME, Gio.BusNameOwnerFlags.NONE,
-                               lambda *_: print("portal test backend ready", flush=True), on_lost)
+                               lambda *_: print("portal test backend ready", flush=True), lambda *_: loop.quit())
 loop = GLib.MainLoop()
 loop.run()

@@ -1,13 +1,10 @@
-// A window that reports the input a toolkit receives, one line per event on standard
-// output, for the remote input tests. It covers the whole screen; a line edit sits at its
-// top left and holds the keyboard focus. Runs on X11 and on Wayland (full screen there).
+// A window over the whole screen that reports the input a toolkit receives, one line per event
+// on standard output, for the remote input tests; a line edit at its top left holds the focus.
 #include <QApplication>
 #include <QKeySequence>
 #include <QLineEdit>
 #include <QMouseEvent>
 #include <QScreen>
-#include <QWheelEvent>
-#include <QWidget>
 
 #include <cstdio>
 
@@ -15,19 +12,8 @@ namespace {
 
 void say(const QString &line)
 {
-    std::fputs(line.toUtf8().constData(), stdout);
-    std::fputc('\n', stdout);
+    std::printf("%s\n", line.toUtf8().constData());
     std::fflush(stdout);
-}
-
-QString modifiers(Qt::KeyboardModifiers m)
-{
-    QStringList names;
-    if (m & Qt::ShiftModifier) names << QStringLiteral("shift");
-    if (m & Qt::ControlModifier) names << QStringLiteral("ctrl");
-    if (m & Qt::AltModifier) names << QStringLiteral("alt");
-    if (m & Qt::MetaModifier) names << QStringLiteral("meta");
-    return names.isEmpty() ? QStringLiteral("none") : names.join(QLatin1Char('+'));
 }
 
 class Probe : public QWidget {
@@ -42,6 +28,7 @@ public:
         edit_->installEventFilter(this);
         connect(edit_, &QLineEdit::textChanged, this, [](const QString &t) { say(QStringLiteral("text ") + t); });
     }
+    QLineEdit *edit_;
 
 protected:
     bool eventFilter(QObject *, QEvent *e) override
@@ -51,13 +38,13 @@ protected:
             ready_ = true;
             say(QStringLiteral("ready"));
         }
+        // Keys are reported by key (the text of a Control chord is a control character).
         if (e->type() == QEvent::KeyPress) {
             const auto *k = static_cast<QKeyEvent *>(e);
-            say(QStringLiteral("key %1 %2").arg(modifiers(k->modifiers()), k->key() ? QKeySequence(k->key()).toString() : QStringLiteral("-")));
+            say(QStringLiteral("key ") + QKeySequence(k->keyCombination()).toString());
         }
         return false;
     }
-    // Keys are reported by key (the text of a Control chord is a control character).
     void mousePressEvent(QMouseEvent *e) override { report("press", e); }
     void mouseReleaseEvent(QMouseEvent *e) override { report("release", e); }
     void mouseDoubleClickEvent(QMouseEvent *e) override { report("dblclick", e); }
@@ -66,9 +53,9 @@ protected:
 private:
     void report(const char *what, QMouseEvent *e)
     {
-        say(QStringLiteral("%1 %2 %3 %4").arg(QLatin1String(what)).arg(int(e->button())).arg(int(e->globalPosition().x())).arg(int(e->globalPosition().y())));
+        const QPointF at = e->globalPosition();
+        say(QStringLiteral("%1 %2 %3 %4").arg(QLatin1String(what)).arg(int(e->button())).arg(int(at.x())).arg(int(at.y())));
     }
-    QLineEdit *edit_;
     bool ready_ = false;
 };
 
@@ -78,9 +65,9 @@ int main(int argc, char **argv)
 {
     QApplication app(argc, argv);
     Probe probe;
+    // A Wayland client cannot place its window: full screen puts it over the output, so that
+    // window positions are screen positions.
     if (QGuiApplication::platformName().startsWith(QLatin1String("wayland"))) {
-        // A Wayland client cannot place its window: full screen puts it over the output, so
-        // that window positions are screen positions.
         probe.showFullScreen();
     } else {
         probe.setGeometry(app.primaryScreen()->geometry());
@@ -88,6 +75,6 @@ int main(int argc, char **argv)
     }
     probe.activateWindow();
     QObject::connect(app.primaryScreen(), &QScreen::geometryChanged, &probe, [&probe](const QRect &g) { probe.setGeometry(g); });
-    probe.findChild<QLineEdit *>()->setFocus();
+    probe.edit_->setFocus();
     return app.exec();
 }

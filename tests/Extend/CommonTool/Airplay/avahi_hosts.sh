@@ -1,57 +1,38 @@
 #!/usr/bin/env bash
-# Private mDNS hosts for the DNS-SD tests: each host is a network namespace with its own
-# system bus and avahi-daemon. With two hosts a veth pair joins them (10.78.<n>.1 and .2);
-# nothing leaves the namespaces.
-#
-# usage: avahi_hosts.sh start DIR COUNT   (then: DIR/host1.bus, DIR/host2.bus hold the bus addresses)
-#        avahi_hosts.sh stop DIR
+# Private mDNS hosts for the DNS-SD tests: each host is a network namespace with its own system
+# bus and avahi-daemon; with two, a veth pair joins them (10.78.<n>.1 and .2). Nothing leaves them.
+# usage: avahi_hosts.sh start DIR COUNT (then DIR/host<i>.bus holds the bus address) | stop DIR
 # Exit 77 when this machine cannot make namespaces (not root) or has no avahi-daemon.
 set -euo pipefail
 cmd=${1:?start|stop}; dir=$(realpath -m "${2:?dir}")
 if [ "$cmd" = stop ]; then
-    for p in "$dir"/*.pid; do
-        [ -f "$p" ] || continue
-        kill "$(cat "$p")" 2>/dev/null || true
-        rm -f "$p"
-    done
-    for n in "$dir"/*.netns; do
-        [ -f "$n" ] || continue
-        ip netns del "$(cat "$n")" 2>/dev/null || true
-        rm -f "$n"
-    done
+    for p in "$dir"/*.pid; do [ -f "$p" ] && kill "$(cat "$p")" 2>/dev/null || true; done
+    for n in "$dir"/*.netns; do [ -f "$n" ] && ip netns del "$(cat "$n")" 2>/dev/null || true; done
+    rm -f "$dir"/*.pid "$dir"/*.netns
     exit 0
 fi
 count=${3:-1}
 [ "$(id -u)" -eq 0 ] && command -v avahi-daemon >/dev/null && command -v ip >/dev/null || exit 77
 mkdir -p "$dir"; chmod 755 "$dir"
 wait_for() {
-    for _ in $(seq 1 100); do
-        if eval "$1" >/dev/null 2>&1; then return 0; fi
-        sleep 0.1
-    done
+    for _ in $(seq 1 100); do eval "$1" >/dev/null 2>&1 && return 0; sleep 0.1; done
     echo "avahi_hosts: timeout waiting for: $1" >&2
     return 1
 }
 tag=$$
-subnet=$(( tag % 200 + 20 ))
 for i in $(seq 1 "$count"); do
-    ns="vc-mdns-$tag-$i"
-    ip netns add "$ns" || exit 77
-    echo "$ns" >"$dir/host$i.netns"
-    ip -n "$ns" link set lo up
+    ip netns add "vc-mdns-$tag-$i" || exit 77
+    echo "vc-mdns-$tag-$i" >"$dir/host$i.netns"
+    ip -n "vc-mdns-$tag-$i" link set lo up
 done
-ifaces=lo
-if [ "$count" -ge 2 ]; then
-    ip link add "vcm$tag-a" netns "vc-mdns-$tag-1" type veth peer name "vcm$tag-b" netns "vc-mdns-$tag-2"
-    ip -n "vc-mdns-$tag-1" addr add "10.78.$subnet.1/24" dev "vcm$tag-a"
-    ip -n "vc-mdns-$tag-2" addr add "10.78.$subnet.2/24" dev "vcm$tag-b"
-    ip -n "vc-mdns-$tag-1" link set "vcm$tag-a" up
-    ip -n "vc-mdns-$tag-2" link set "vcm$tag-b" up
-fi
+[ "$count" -ge 2 ] && ip link add "vcm$tag-1" netns "vc-mdns-$tag-1" type veth peer name "vcm$tag-2" netns "vc-mdns-$tag-2"
 for i in $(seq 1 "$count"); do
-    ns="vc-mdns-$tag-$i"
-    veth="vcm$tag-a"; [ "$i" -eq 2 ] && veth="vcm$tag-b"
-    [ "$count" -ge 2 ] && ifaces="lo,$veth"
+    ns="vc-mdns-$tag-$i"; ifaces=lo
+    if [ "$count" -ge 2 ]; then
+        ifaces="lo,vcm$tag-$i"
+        ip -n "$ns" addr add "10.78.$(( tag % 200 + 20 )).$i/24" dev "vcm$tag-$i"
+        ip -n "$ns" link set "vcm$tag-$i" up
+    fi
     bus="$dir/host$i.bus_socket"
     dbus-daemon --config-file=/usr/share/dbus-1/system.conf --address="unix:path=$bus" --nofork --nopidfile \
         >"$dir/host$i.dbus.log" 2>&1 &
