@@ -1,13 +1,12 @@
 // The H.264 encoder with the software fallback, checked against real decoders (ffprobe):
 // profile, GOP, parameter sets on key frames, frame count, size changes, live rate changes
-// and the per-second byte cap. Hardware encoders cannot run here; their test skips.
+// and the per-second byte cap.
 #include "capture/h264_hw_encoder.h"
 #include "media_test_support.h"
 #include "support/test_support.h"
 
 #include <QDir>
 #include <QJsonDocument>
-#include <QStringList>
 
 #include <gtest/gtest.h>
 
@@ -15,8 +14,6 @@ using namespace velocast::capture;
 using namespace velocast::test;
 
 namespace {
-
-QString tempFile(const char *name) { return QDir(freshTempDir()).filePath(name); }
 
 // Checks what every packet must look like and returns the key-frame indices.
 std::vector<size_t> checkAnnexBStructure(const std::vector<EncodedPacket> &packets)
@@ -39,26 +36,36 @@ std::vector<size_t> checkAnnexBStructure(const std::vector<EncodedPacket> &packe
 
 } // namespace
 
+// Disabled, pictures are dropped silently; then the chain falls through to the first
+// software encoder (no device here); with no usable encoder at all, each picture logs.
 TEST(H264HWEncoder, SoftwareFallbackMakesConstrainedBaselineWithShortGops)
 {
     if (!haveFfprobe()) GTEST_SKIP() << "ffprobe (Debian package ffmpeg) is not installed";
-    LogRecorder log;
     PacketCollector out;
     H264HWEncoder encoder;
     encoder.setDelegate(&out);
     encoder.setOutputSize({320, 240});
+    LogRecorder log;
+    encoder.setUnable(true);
+    for (int i = 0; i < 5; ++i) encoder.encode(makeNv12(320, 240, i));
+    EXPECT_FALSE(encoder.hasSession());
+    EXPECT_TRUE(log.lines().isEmpty()) << log.lines().join('\n').toStdString();
+    encoder.setUnable(false);
     constexpr int kFrames = 75;
     ASSERT_TRUE(encodePaced(encoder, out, 320, 240, kFrames));
     encoder.invalidate();
     EXPECT_FALSE(encoder.hasSession());
-
-    // No device here, so the chain falls through to the first software encoder.
     EXPECT_EQ(encoder.chosenEncoderName(), "x264enc");
     EXPECT_FALSE(encoder.chosenEncoderIsHardware());
     for (const char *line : {"VTencode session null", "Init VTencode session", "set bitrate   return: 0", "setframeStatus:0",
                              "start encode  return: 0", "H.264 encoder: x264enc (software), 320x240"})
         EXPECT_TRUE(log.lines().contains(line)) << line << "\n" << log.lines().join('\n').toStdString();
 
+    encoder.setEncoderChain({"no-such-encoder"});
+    encoder.encode(makeNv12(320, 240, 0));
+    encoder.encode(makeNv12(320, 240, 1));
+    EXPECT_FALSE(encoder.hasSession());
+    EXPECT_EQ(log.lines().count("VT encode Error"), 2);
     const auto packets = out.items();
     ASSERT_EQ(packets.size(), size_t(kFrames));
     for (size_t i = 0; i < packets.size(); ++i)
@@ -69,7 +76,7 @@ TEST(H264HWEncoder, SoftwareFallbackMakesConstrainedBaselineWithShortGops)
     for (size_t k = 1; k < keys.size(); ++k) EXPECT_LE(keys[k] - keys[k - 1], 30u);
     EXPECT_LE(kFrames - keys.back(), 30u);
 
-    const QString file = tempFile("video.h264");
+    const QString file = QDir(freshTempDir()).filePath("video.h264");
     ASSERT_TRUE(writePackets(file, packets));
     const QJsonObject s = ffprobeStream(file, "codec_name,profile,width,height,has_b_frames,nb_read_frames");
     EXPECT_EQ(s.value("profile").toString(), "Constrained Baseline") << QJsonDocument(s).toJson().constData();
@@ -106,7 +113,7 @@ TEST(H264HWEncoder, DefaultSizeIsPortraitAndASizeChangeStartsANewStreamWithAKeyF
     EXPECT_TRUE(packets[7].key) << "so does the stream of the new input format";
     checkAnnexBStructure(packets);
 
-    const QString file = tempFile("resized.h264");
+    const QString file = QDir(freshTempDir()).filePath("resized.h264");
     ASSERT_TRUE(writePackets(file, packets));
     const QJsonArray frames = ffprobeFrames(file, "width,height,key_frame");
     ASSERT_EQ(frames.size(), 10);
@@ -160,94 +167,4 @@ TEST(H264HWEncoder, LiveRateChangeTakesEffectAndEveryOneSecondWindowStaysUnderTh
     EXPECT_LT(before, 1.3 * 600000);
     EXPECT_GT(after, 0.5 * 200000);
     EXPECT_LT(after, 1.3 * 200000);
-}
-
-TEST(H264HWEncoder, LastFallbackRebuildsItsSessionForARateChange)
-{
-    if (!elementExists("openh264enc")) GTEST_SKIP() << "openh264enc (libopenh264-7) is not installed";
-    if (!haveFfprobe()) GTEST_SKIP() << "ffprobe (Debian package ffmpeg) is not installed";
-    PacketCollector out;
-    H264HWEncoder encoder;
-    encoder.setDelegate(&out);
-    encoder.setEncoderChain({"openh264enc"});
-    encoder.setOutputSize({320, 240});
-    ASSERT_TRUE(encodePaced(encoder, out, 320, 240, 10));
-    EXPECT_EQ(encoder.chosenEncoderName(), "openh264enc");
-    encoder.changeBitrate(500000);
-    EXPECT_FALSE(encoder.hasSession()) << "openh264enc cannot change its rate live";
-    ASSERT_TRUE(encodePaced(encoder, out, 320, 240, 10, 10));
-    encoder.invalidate();
-
-    const auto packets = out.items();
-    ASSERT_EQ(packets.size(), 20u);
-    EXPECT_TRUE(packets[10].key) << "the rebuilt session starts with a key frame";
-    checkAnnexBStructure(packets);
-    const QString file = tempFile("openh264.h264");
-    ASSERT_TRUE(writePackets(file, packets));
-    const QJsonObject s = ffprobeStream(file, "profile,has_b_frames,nb_read_frames");
-    EXPECT_EQ(s.value("profile").toString(), "Constrained Baseline") << QJsonDocument(s).toJson().constData();
-    EXPECT_EQ(s.value("nb_read_frames").toString(), "20");
-}
-
-TEST(H264HWEncoder, DisabledEncoderDropsPicturesSilently)
-{
-    LogRecorder log;
-    PacketCollector out;
-    H264HWEncoder encoder;
-    encoder.setDelegate(&out);
-    encoder.setUnable(true);
-    for (int i = 0; i < 5; ++i) encoder.encode(makeNv12(64, 48, i));
-    EXPECT_FALSE(encoder.hasSession());
-    EXPECT_TRUE(log.lines().isEmpty()) << log.lines().join('\n').toStdString();
-
-    // No usable encoder at all: logged, and tried again with the next picture.
-    encoder.setUnable(false);
-    encoder.setEncoderChain({"no-such-encoder"});
-    encoder.encode(makeNv12(64, 48, 0));
-    encoder.encode(makeNv12(64, 48, 1));
-    EXPECT_FALSE(encoder.hasSession());
-    EXPECT_EQ(log.lines().count("VT encode Error"), 2);
-    EXPECT_EQ(out.count(), 0u);
-}
-
-TEST(H264HWEncoder, HardwareEncoderWhereADeviceExists)
-{
-    std::vector<std::string> hardware;
-    for (const char *name : h264EncoderChain())
-        if (std::string(name) != "x264enc" && std::string(name) != "openh264enc" && elementExists(name)) hardware.emplace_back(name);
-    if (hardware.empty()) GTEST_SKIP() << "no hardware H.264 encoder registered here (no VA-API, NVENC or V4L2 device)";
-    PacketCollector out;
-    H264HWEncoder encoder;
-    encoder.setDelegate(&out);
-    encoder.setEncoderChain(hardware);
-    encoder.setOutputSize({320, 240});
-    ASSERT_TRUE(encodePaced(encoder, out, 320, 240, 31));
-    encoder.invalidate();
-    EXPECT_TRUE(encoder.chosenEncoderIsHardware());
-    const auto keys = checkAnnexBStructure(out.items());
-    ASSERT_GE(keys.size(), 2u);
-    EXPECT_LE(keys[1] - keys[0], 30u);
-}
-
-// What the encoder settings rely on to see a value the element did not take.
-TEST(GstProperties, SettersReportValuesTheElementDidNotTake)
-{
-    ensureGstreamer();
-    if (!elementExists("x264enc")) GTEST_SKIP() << "no x264enc here";
-    auto *e = GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("x264enc", nullptr)));
-    struct Case {
-        const char *name;
-        int (*set)(GstElement *);
-        int result;
-    };
-    const Case cases[] = {
-        {"int in range", [](GstElement *x) { return setIntProperty(x, "key-int-max", 30); }, 0},
-        {"int clamped", [](GstElement *x) { return setIntProperty(x, "bframes", 1000); }, kPropertyNotTaken},
-        {"enum by nick", [](GstElement *x) { return setArgProperty(x, "speed-preset", "ultrafast"); }, 0},
-        {"flags by nick", [](GstElement *x) { return setArgProperty(x, "tune", "zerolatency"); }, 0},
-        {"enum nick unknown", [](GstElement *x) { return setArgProperty(x, "speed-preset", "warp"); }, kPropertyNotTaken},
-        {"no such property", [](GstElement *x) { return setArgProperty(x, "gop-size", "30"); }, -1},
-    };
-    for (const Case &c : cases) EXPECT_EQ(c.set(e), c.result) << c.name;
-    gst_object_unref(e);
 }

@@ -1,23 +1,17 @@
 // Helpers shared by the media tests: synthetic pictures, an Annex-B splitter, a collecting
-// encoder delegate, a log recorder, and ffprobe as an independent decoder.
+// encoder delegate, and ffprobe as an independent decoder.
 #pragma once
 
 #include "capture/h264_hw_encoder.h"
 #include "capture/media_sample.h"
 
-#include "common/log.h"
+#include "support/log_recorder.h"
 
 #include <QJsonArray>
 #include <QJsonObject>
-#include <QString>
-#include <QStringList>
 
-#include <chrono>
 #include <condition_variable>
-#include <cstdint>
-#include <mutex>
 #include <span>
-#include <vector>
 
 namespace velocast::test {
 
@@ -39,10 +33,8 @@ class Collector {
 public:
     void add(T item)
     {
-        {
-            std::lock_guard lock(mutex_);
-            items_.push_back(std::move(item));
-        }
+        std::lock_guard lock(mutex_);
+        items_.push_back(std::move(item));
         arrived_.notify_all();
     }
     size_t count() const
@@ -86,21 +78,6 @@ public:
 // encoder's drop-oldest queue never drops one. Returns false on a time-out.
 bool encodePaced(capture::H264HWEncoder &encoder, PacketCollector &out, int width, int height, int count, int firstIndex = 0,
                  bool noisy = false);
-
-// Records the lines written through velocast::logLine while alive.
-class LogRecorder {
-public:
-    LogRecorder();
-    ~LogRecorder();
-    LogRecorder(const LogRecorder &) = delete;
-    LogRecorder &operator=(const LogRecorder &) = delete;
-    QStringList lines() const;
-
-private:
-    mutable std::mutex mutex_;
-    QStringList lines_;
-    LogTap previous_;
-};
 
 // Writes the packets one after the other.
 bool writePackets(const QString &path, const std::vector<EncodedPacket> &packets);

@@ -4,11 +4,10 @@
 #include "capture/h264_hw_encoder.h"
 #include "capture/h264_skip_picture.h"
 #include "media_test_support.h"
+#include "support/child_process.h"
 #include "support/test_support.h"
 
 #include <QDir>
-#include <QFile>
-#include <QProcess>
 
 #include <gtest/gtest.h>
 
@@ -33,15 +32,12 @@ struct Case {
     bool expectSkips; // x264's parameter sets take skipped pictures; openh264's do not
 };
 
-// Decodes an Annex-B file to NV12 frames; fails the test on any decoder message.
+// Decodes an Annex-B file to NV12 frames; none at all on a decoding error.
 std::vector<std::vector<uint8_t>> decode(const QString &file, int width, int height)
 {
-    QProcess ffmpeg;
-    ffmpeg.start("ffmpeg", {"-nostdin", "-v", "error", "-xerror", "-f", "h264", "-i", file, "-f", "rawvideo", "-pix_fmt", "nv12", "-"});
-    EXPECT_TRUE(ffmpeg.waitForFinished(60000));
-    EXPECT_EQ(ffmpeg.exitCode(), 0);
-    EXPECT_EQ(ffmpeg.readAllStandardError().toStdString(), "");
-    const QByteArray raw = ffmpeg.readAllStandardOutput();
+    const QByteArray raw =
+        ChildProcess::run("ffmpeg", {"-nostdin", "-v", "error", "-xerror", "-f", "h264", "-i", file, "-f", "rawvideo", "-pix_fmt", "nv12", "-"})
+            .value_or(QByteArray());
     const size_t frameSize = size_t(width) * size_t(height) * 3 / 2;
     std::vector<std::vector<uint8_t>> frames;
     for (size_t at = 0; at + frameSize <= size_t(raw.size()); at += frameSize)
@@ -89,14 +85,9 @@ TEST(SkipPicture, StillStretchesDecodeAsTheLastChangedPictureWithKeyFramesEvery3
         for (const Stretch &run : c.runs) {
             for (int i = 0; i < run.pictures; ++i) {
                 const MediaTime pts = MediaTime::make(int64_t(sources.size()) * 1000, 30000);
-                MediaSample picture;
-                if (run.changed) {
-                    current = makeNv12(c.width, c.height, 10 * ++changes);
-                    picture = MediaSample::rawVideo(GstBufferPtr(gst_buffer_ref(current.buffer())), "NV12", c.width, c.height, pts);
-                } else {
-                    picture = MediaSample::rawVideo(GstBufferPtr(gst_buffer_ref(current.buffer())), "NV12", c.width, c.height, pts);
-                    picture.setRepeat(true);
-                }
+                if (run.changed) current = makeNv12(c.width, c.height, 10 * ++changes);
+                MediaSample picture = MediaSample::rawVideo(GstBufferPtr(gst_buffer_ref(current.buffer())), "NV12", c.width, c.height, pts);
+                picture.setRepeat(!run.changed);
                 sources.push_back(current);
                 repeats.push_back(!run.changed);
                 encoder.encode(picture);
