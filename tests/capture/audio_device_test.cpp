@@ -43,42 +43,16 @@ struct NoticeLog : velocast::test::Collector<QString> {
     std::vector<Observation> observations;
 };
 
-TEST(AudioDeviceControl, TheListenerWalkStopsAtTheFirstPropertyItHasNoNotificationFor)
-{
-    using namespace audio_property;
-    struct Case {
-        std::vector<uint32_t> batch;
-        QStringList expected;
-    } cases[] = {
-        {{kVolumeScalar, kDefaultOutputDevice}, {}},
-        {{kDefaultOutputDevice, kVolumeScalar, kDevices}, {notice::kDVKAudioHardwareDefaultOutputDeviceDidChangeNotification}},
-        {{kDevices, kDefaultInputDevice, kDefaultSystemOutputDevice, kDefaultOutputDevice},
-         {kNotices[3], kNotices[1], kNotices[2], kNotices[0]}},
-        {{kDefaultInputDevice, kDeviceUID, kDefaultInputDevice}, {kNotices[1]}},
-        {{}, {}},
-    };
-    for (const Case &c : cases) {
-        NoticeLog log;
-        std::vector<AudioPropertyAddress> batch;
-        for (uint32_t selector : c.batch) batch.push_back({selector});
-        EXPECT_EQ(AudioDeviceControl::propertyListener(batch), 0);
-        EXPECT_EQ(log.names(), c.expected) << c.batch.size() << " properties";
-    }
-}
-
 class AudioDevices : public testing::TestWithParam<const char *> {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(server.start()) << server.error().toStdString();
-    }
+    void SetUp() override { ASSERT_TRUE(server.start()) << server.error().toStdString(); }
     int sink(const char *name) const { return server.index("sinks", name); }
     int source(const char *name) const { return server.index("sources", name); }
     QString defaultSink() const { return server.pactl({"get-default-sink"}); }
     SoundServer server{GetParam()};
 };
 
-TEST_P(AudioDevices, ListsTheOutputsWithTheirNamesAndFindsThemByUID)
+TEST_P(AudioDevices, ListsTheOutputsFindsThemByUIDAndSwitchesTheDefaults)
 {
     const std::vector<AudioObjectID> ids = AudioDeviceControl::allDevicesIDS();
     struct Row {
@@ -99,10 +73,7 @@ TEST_P(AudioDevices, ListsTheOutputsWithTheirNamesAndFindsThemByUID)
     EXPECT_TRUE(AudioDeviceControl::deviceUID(999999).isNull());
     EXPECT_EQ(AudioDeviceControl::defaultOutputDevice(), AudioObjectID(sink("vc_speakers")));
     EXPECT_EQ(AudioDeviceControl::defaultInputDevice(), AudioObjectID(source("vc_room.monitor")));
-}
 
-TEST_P(AudioDevices, SwitchesTheDefaultsAndLogsTheStatus)
-{
     LogRecorder log;
     AudioDeviceControl::changeDefaultOutputDeviceWithID(sink("vc_headset"));
     EXPECT_EQ(defaultSink(), "vc_headset");
