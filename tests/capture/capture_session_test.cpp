@@ -26,7 +26,7 @@
 
 #include <X11/Xlib.h>
 
-#include <condition_variable>
+#include <future>
 
 using namespace velocast;
 using velocast::test::LogRecorder;
@@ -50,7 +50,6 @@ TEST(MacScreenCapture, FitPlacesTheSourceInTheAim)
         {1920, 1080, 1280, 800, true, {320, 140, 1280, 800}},
         {1000, 1000, 400, 100, false, {0, 375, 1000, 250}},   // the height would be too wide
         {1280, 720, 2880, 1800, false, {64, 0, 1152, 720}},   // width fit too tall
-        {1280, 1024, 2560, 1440, false, {0, 152, 1280, 720}},
         {1000, 800, 2000, 500, false, {0, 275, 1000, 250}},
         {1000, 800, 400, 1600, false, {400, 0, 200, 800}},
         {1280, 720, 1500, 2000, false, {370, 0, 540, 720}},
@@ -65,9 +64,6 @@ TEST(MacScreenCapture, FitPlacesTheSourceInTheAim)
 TEST(MacScreenCapture, SplitScreenCountScalesWhatTheEncoderGets)
 {
     MacScreenCapture capture(noBackend);
-    EXPECT_EQ(capture.vPort(), 15630);
-    EXPECT_EQ(capture.aPort(), 15630);
-    EXPECT_FALSE(capture.isPutting() || capture.isPause() || capture.isAudioUse());
     capture.changeSizeForCount(2); // no bridge yet: nothing to scale, nothing breaks
     capture.configEncoder();
     ASSERT_NE(capture.cameraEncoder(), nullptr);
@@ -94,15 +90,14 @@ struct Link {
     {
         if (!ReferenceReceiver::available() || !receiver.start()) return;
         control.setControlPort(receiver.controlPort());
-        control.connect("127.0.0.1", [this](bool ok) { connected = ok, done = true; });
-        waitUntil([this] { return done; }, 10s);
+        control.connect("127.0.0.1", [this](bool ok) { connected = ok; });
+        waitUntil([this] { return connected; }, 10s);
     }
     // Waits for the n-th message with that id from us.
     bool receivedCount(const QString &id, int n) { return waitUntil([&] { return receiver.received(id).size() >= n; }, 10s); }
     ReferenceReceiver receiver;
     NetControl control;
     bool connected = false;
-    bool done = false;
     int stops = 0; // NOTICE_BESTOPSCREENCAPTURE
     Observation stopTap = NotificationCenter::defaultCenter().addObserver(notice::NOTICE_BESTOPSCREENCAPTURE, [this](const QVariant &) { ++stops; });
 };
@@ -115,8 +110,8 @@ bool isScreenType(const QJsonObject &event) { return event.value("property").toO
 
 // While a request is open: pause and audio, read leniently; disconnects of another type and
 // unknown ids are ignored; the screen type's disconnect ends the request (a pause outlives
-// it); after a refusal nothing is handled any more.
-TEST(MacScreenCapture, SteeringMessagesWhileARequestIsOpen)
+// it); after a refusal nothing is handled any more. Then requests in any order listen once.
+TEST(MacScreenCapture, SteeringMessagesWhileARequestIsOpenAndRequestsListenOnce)
 {
     Link link({"--permission", "manual"});
     REQUIRE_LINK(link);
@@ -165,55 +160,10 @@ TEST(MacScreenCapture, SteeringMessagesWhileARequestIsOpen)
     EXPECT_FALSE(capture.isPause());
     EXPECT_FALSE(capture.isPutting());
     EXPECT_FALSE(log.lines().join('\n').contains("mouseEventWithType"));
-}
 
-// Each of the four stop requests sends the disconnect, nothing casting or not; the user's
-// disconnect does so before the connection session (subscribed first, as in the program)
-// closes the channel.
-TEST(MacScreenCapture, EveryStopRequestPutsADisconnectOnTheWire)
-{
-    Link link;
-    REQUIRE_LINK(link);
-    struct : ConnectionSessionView {
-        void reSetTextFields() override { }
-        void setLoadingVisible(bool) override { }
-        void setTipVisible(bool, const QString &) override { }
-        void showCastingPanel(const QString &) override { }
-        void setCastingPanelName(const QString &) override { }
-        void removeCastingPanel() override { }
-    } view;
-    ConnectionSession session(view, link.control);
-    MacScreenCapture capture(noBackend);
-    int n = 0;
-    capture.stopPut();
-    ASSERT_TRUE(link.receivedCount("id_permission_disconnect", ++n));
-    for (const char *name : {notice::NOTICE_STOPSCREENCAPTURE, notice::NOTICE_BEDISCONNECT, notice::NOTICE_DISCONNECT}) {
-        NotificationCenter::defaultCenter().post(name);
-        ASSERT_TRUE(link.receivedCount("id_permission_disconnect", ++n)) << name;
-    }
-    ASSERT_TRUE(link.receiver.waitForEvent("control_closed"));
-    EXPECT_FALSE(link.control.stream());
-    for (const QJsonObject &e : link.receiver.received("id_permission_disconnect")) EXPECT_TRUE(isScreenType(e));
-    EXPECT_EQ(link.receiver.received("id_permission_request").size(), 0);
-}
-
-// A call queued on the main thread's event loop now: true once it ran and check() held then.
-bool ranWhile(std::function<bool()> check)
-{
-    auto state = std::make_shared<std::pair<bool, bool>>(); // ran, check()
-    QMetaObject::invokeMethod(QCoreApplication::instance(), [state, check] { *state = {true, check()}; }, Qt::QueuedConnection);
-    return waitUntil([&] { return state->first; }, 20s) && state->second;
-}
-
-TEST(MacScreenCapture, RequestsInAnyOrderListenOnceAndAnyStopEndsListening)
-{
-    Link link({"--permission", "manual"});
-    REQUIRE_LINK(link);
-    MacScreenCapture capture(noBackend);
     const QString line = "mouseEventWithType: type 1 x 10 y 20 width 1920 height 1080 wheel_x 0 wheel_y 0 dropped: no cast is running";
-    int requests = 0;
-    // start, start; refused; start, stop while nothing casts; start, cancelled by the
-    // receiver: each round ends with exactly one observation, or none after an ending.
+    int requests = int(receiver.received("id_permission_request").size());
+    // Each round of requests ends with exactly one observation, or none after an ending.
     struct Round {
         const char *name;
         int starts;
@@ -234,21 +184,16 @@ TEST(MacScreenCapture, RequestsInAnyOrderListenOnceAndAnyStopEndsListening)
         requests += r.starts;
         ASSERT_TRUE(link.receivedCount("id_permission_request", requests)) << r.name;
         EXPECT_EQ(capture.listeningCount(), 1) << r.name;
-        LogRecorder log;
+        LogRecorder roundLog;
         link.receiver.command("mouse 1 10 20 1920 1080 0 0");
         link.receiver.command("pause"); // a marker: every delivery of the mouse event is over
         ASSERT_TRUE(waitUntil([&] { return capture.isPause(); })) << r.name;
         // The line is written on the main thread's next turn; a second one would come with it.
-        ASSERT_TRUE(waitUntil([&] { return log.lines().count(line) >= 1; })) << r.name;
+        ASSERT_TRUE(waitUntil([&] { return roundLog.count(line) >= 1; })) << r.name;
         link.receiver.command("resume");
         ASSERT_TRUE(waitUntil([&] { return !capture.isPause(); })) << r.name;
-        EXPECT_EQ(log.lines().count(line), 1) << r.name;
+        EXPECT_EQ(roundLog.count(line), 1) << r.name;
     }
-    // Lenient values: strings, booleans and missing keys.
-    LogRecorder log;
-    link.receiver.command(R"(send id_pc_mk_event {"type":"9","x":true,"wheel_y":"-3"})");
-    const QString lenient = "mouseEventWithType: type 9 x 1 y 0 width 0 height 0 wheel_x 0 wheel_y -3 dropped: no cast is running";
-    ASSERT_TRUE(waitUntil([&] { return log.lines().count(lenient) == 1; })) << log.lines().join('\n').toStdString();
     capture.listenMsg(false);
     EXPECT_EQ(capture.listeningCount(), 0);
 }
@@ -270,47 +215,6 @@ struct CastRig {
 #define REQUIRE_DISPLAY()                                                                                                   \
     if (!std::getenv("DISPLAY")) GTEST_SKIP() << "no X display (DISPLAY is not set; scripts/test.sh starts Xvfb)"
 
-// Sets an environment variable for the scope, then puts the old value back.
-struct ScopedEnv {
-    ScopedEnv(const char *name, const QByteArray &value) : name(name), saved(qgetenv(name))
-    {
-        value.isNull() ? qunsetenv(name) : qputenv(name, value);
-    }
-    ~ScopedEnv() { saved.isNull() ? qunsetenv(name) : qputenv(name, saved); }
-    const char *name;
-    QByteArray saved;
-};
-
-// Without a display to capture, the allowed cast ends on both sides: the receiver is told,
-// the panel goes back with a toast that says why, and no capture or bridge is built.
-TEST(MacScreenCaptureCast, WithoutAScreenTheAllowedCastEndsOnBothSides)
-{
-    Link link; // grants at once
-    REQUIRE_LINK(link);
-    LogRecorder log;
-    QList<QVariantList> states;
-    Observation o = NotificationCenter::defaultCenter().addObserver(notice::NOTICE_SCREENCAPTURESTATE, [&](const QVariant &v) { states << v.toList(); });
-    bool ended = false, panelTold = false;
-    std::optional<MacScreenCapture> capture;
-    {
-        ScopedEnv noDisplay("DISPLAY", QByteArray());
-        capture.emplace();
-        capture->startPut();
-        ended = link.receivedCount("id_permission_disconnect", 1);
-        panelTold = waitUntil([&] { return link.stops == 1 && !states.isEmpty() && capture->castQueueIdle(); });
-    }
-    ASSERT_TRUE(ended) << "the receiver is told the granted cast is over";
-    EXPECT_TRUE(isScreenType(link.receiver.received("id_permission_disconnect").first()));
-    ASSERT_TRUE(panelTold);
-    ASSERT_EQ(states.first().size(), 2);
-    EXPECT_FALSE(states.first().at(0).toBool());
-    EXPECT_FALSE(states.first().at(1).toString().isEmpty()) << "a toast says why";
-    EXPECT_FALSE(capture->isPutting());
-    EXPECT_EQ(capture->listeningCount(), 0);
-    EXPECT_EQ(capture->cameraEncoder(), nullptr);
-    EXPECT_TRUE(log.lines().join('\n').contains("cannot capture the screen: no X display")) << log.lines().join('\n').toStdString();
-}
-
 // Sockets here trying to connect to that port (SYN_SENT in /proc/net/tcp).
 int connectsPendingTo(uint16_t port)
 {
@@ -325,31 +229,27 @@ int connectsPendingTo(uint16_t port)
     return n;
 }
 
+// A call queued on the main thread's event loop now: true once it ran and check() held then.
+bool ranWhile(std::function<bool()> check)
+{
+    auto state = std::make_shared<std::pair<bool, bool>>(); // ran, check()
+    QMetaObject::invokeMethod(QCoreApplication::instance(), [state, check] { *state = {true, check()}; }, Qt::QueuedConnection);
+    return waitUntil([&] { return state->first; }, 20s) && state->second;
+}
+
 // Holds the encoder's output thread inside its delivery while closed: the encoder's flush
-// cannot finish until it opens again.
+// cannot finish until it opens.
 struct DeliveryGate : capture::H264OutputObserver {
     void didDeliver(capture::MediaTime, size_t, bool) override
     {
-        std::unique_lock lock(mutex);
-        held = closed;
-        changed.wait_for(lock, 10s, [this] { return !closed; }); // bounded only so that a failing run cannot hang
+        if (!closed) return;
+        held = true;
+        opened.wait_for(10s); // bounded only so that a failing run cannot hang
         held = false;
     }
-    void set(bool close)
-    {
-        std::lock_guard lock(mutex);
-        closed = close;
-        changed.notify_all();
-    }
-    bool isHeld()
-    {
-        std::lock_guard lock(mutex);
-        return held;
-    }
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool closed = false;
-    bool held = false;
+    std::atomic<bool> closed = false, held = false;
+    std::promise<void> open;
+    std::shared_future<void> opened = open.get_future().share();
 };
 
 // Work that waits on the cast queue leaves the window's loop turning: the push's connect to
@@ -379,22 +279,24 @@ TEST(MacScreenCaptureCast, BlockingCastWorkLeavesTheWindowRunning)
     }
     capture.setVPort(receiver.mediaPort());
     LogRecorder log;
-    {
-        ScopedEnv noServer("PULSE_SERVER", "unix:" + QDir(velocast::test::freshTempDir()).filePath("no-server").toLocal8Bit());
-        capture.startPut();
-        ASSERT_TRUE(waitUntil([&] { return receiver.count("video_frame") >= 5; }, 20s));
-    }
+    const QByteArray pulse = qgetenv("PULSE_SERVER");
+    qputenv("PULSE_SERVER", "unix:" + QDir(velocast::test::freshTempDir()).filePath("no-server").toLocal8Bit());
+    capture.startPut();
+    const bool started = waitUntil([&] { return receiver.count("video_frame") >= 5; }, 20s);
+    pulse.isNull() ? qunsetenv("PULSE_SERVER") : qputenv("PULSE_SERVER", pulse);
+    ASSERT_TRUE(started);
     EXPECT_FALSE(capture.hasAudioInput());
     EXPECT_EQ(log.lines().filter("ERROR: input audio: ").size(), 1) << log.lines().join('\n').toStdString();
     const uint64_t sound = capture.sampleCounts().audioCaptured;
     capture::H264HWEncoder *h264 = capture.cameraEncoder()->h264Encoder();
     h264->setOutputObserver(&gate);
-    gate.set(true);
-    ASSERT_TRUE(waitUntil([&] { return gate.isHeld(); }, 20s));
+    gate.closed = true;
+    ASSERT_TRUE(waitUntil([&] { return gate.held.load(); }, 20s));
     receiver.command("resize 2");
     ASSERT_TRUE(waitUntil([&] { return h264->unable() && !capture.castQueueIdle(); }, 20s)) << "the flush began off the main thread";
-    EXPECT_TRUE(ranWhile([&] { return gate.isHeld() && h264->unable(); })) << "the main thread waited for the flush";
-    gate.set(false);
+    EXPECT_TRUE(ranWhile([&] { return gate.held && h264->unable(); })) << "the main thread waited for the flush";
+    gate.closed = false;
+    gate.open.set_value();
     ASSERT_TRUE(waitUntil([&] { return capture.castQueueIdle() && h264->bitrate() == 2000000; }, 20s));
     const int before = receiver.count("video_frame");
     ASSERT_TRUE(waitUntil([&] { return receiver.count("video_frame") >= before + 5; }, 20s)) << "the smaller picture goes out";
@@ -406,35 +308,27 @@ TEST(MacScreenCaptureCast, BlockingCastWorkLeavesTheWindowRunning)
     ASSERT_TRUE(waitUntil([&] { return !capture.isPutting() && capture.castQueueIdle(); }));
 }
 
-// Colour patches over the whole screen, cast, and decoded from what the receiver wrote with
-// ffmpeg (which converts back with the matrix the stream signals): each comes back as it was.
-// The cast follows the receiver's audio, pause and end; after it, each other ending stops a
-// cast and the next allow builds a fresh bridge; the receiver saw no violation in all of it.
+// A colour over the screen comes back as it was from what the receiver wrote (ffmpeg converts
+// with the matrix the stream signals); the cast follows the receiver's audio, pause and end;
+// each other ending stops a cast and the next allow builds a fresh bridge; no violation.
 TEST(MacScreenCaptureCast, CastArrivesAsShownFollowsTheReceiverAndEachEnding)
 {
     REQUIRE_DISPLAY();
     if (!std::getenv("PULSE_SERVER")) GTEST_SKIP() << "no PulseAudio server (PULSE_SERVER is not set; scripts/test.sh starts one)";
     if (!velocast::test::haveFfprobe() || QStandardPaths::findExecutable("ffmpeg").isEmpty()) GTEST_SKIP() << "no ffmpeg here";
-    const uint8_t patches[8][3] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 255}, {128, 128, 128}, {255, 255, 0}, {0, 255, 255}, {200, 120, 40}};
+    const int colour[3] = {200, 120, 40}; // no grey: a swap of red and blue or a wrong matrix shows
     std::unique_ptr<Display, int (*)(Display *)> dpy(XOpenDisplay(nullptr), XCloseDisplay);
     ASSERT_TRUE(dpy);
     Display *d = dpy.get();
-    const int sw = DisplayWidth(d, DefaultScreen(d)), sh = DisplayHeight(d, DefaultScreen(d)), pw = sw / 4, ph = sh / 2;
+    const int sw = DisplayWidth(d, DefaultScreen(d)), sh = DisplayHeight(d, DefaultScreen(d));
     ASSERT_EQ(DefaultDepth(d, DefaultScreen(d)), 24);
     XSetWindowAttributes attributes{};
     attributes.override_redirect = True;
+    attributes.background_pixel = colour[0] << 16 | colour[1] << 8 | colour[2];
     const Window w = XCreateWindow(d, DefaultRootWindow(d), 0, 0, unsigned(sw), unsigned(sh), 0, CopyFromParent, InputOutput, CopyFromParent,
                                    CWOverrideRedirect | CWBackPixel, &attributes);
     XMapRaised(d, w);
-    GC gc = XCreateGC(d, w, 0, nullptr);
-    const auto paint = [&] {
-        for (int i = 0; i < 8; ++i) {
-            XSetForeground(d, gc, (unsigned long)patches[i][0] << 16 | (unsigned long)patches[i][1] << 8 | patches[i][2]);
-            XFillRectangle(d, w, gc, (i % 4) * pw, (i / 4) * ph, unsigned(pw), unsigned(ph));
-        }
-        XSync(d, False);
-    };
-    paint();
+    XSync(d, False);
     CastRig rig;
     REQUIRE_LINK(rig.link);
     ReferenceReceiver &receiver = rig.link.receiver;
@@ -445,7 +339,6 @@ TEST(MacScreenCaptureCast, CastArrivesAsShownFollowsTheReceiverAndEachEnding)
     };
     capture.startPut();
     ASSERT_TRUE(receiver.waitForEvent("media_connected", {}, 20s));
-    paint(); // again, in case the first went to a window not yet shown
     EXPECT_TRUE(capture.hasAudioInput());
     ASSERT_TRUE(more("video_frame", 45));
     EXPECT_FALSE(capture.isAudioUse()) << "a cast starts with audio off";
@@ -470,28 +363,20 @@ TEST(MacScreenCaptureCast, CastArrivesAsShownFollowsTheReceiverAndEachEnding)
     EXPECT_FALSE(capture.isAudioUse());
     EXPECT_EQ(capture.listeningCount(), 0);
     ASSERT_TRUE(receiver.waitForEvent("media_closed"));
-    XFreeGC(d, gc);
     XDestroyWindow(d, w);
     XSync(d, False);
 
     const QString file = QDir(rig.out).filePath("video.h264");
     const QJsonObject vs = velocast::test::ffprobeStream(file, "width,height,color_space,color_range");
-    EXPECT_EQ(vs.value("color_space").toString(), "bt709") << QJsonDocument(vs).toJson().constData();
-    EXPECT_EQ(vs.value("color_range").toString(), "tv");
-    // Frame 40: well after the patches were on the screen.
-    const auto rgb = test::ChildProcess::run(
-        "ffmpeg", {"-v", "error", "-i", file, "-vf", "select=eq(n\\,40)", "-frames:v", "1", "-f", "rawvideo", "-pix_fmt", "rgb24", "-"});
-    ASSERT_TRUE(rgb);
-    ASSERT_EQ(rgb->size(), qsizetype(sw) * sh * 3) << "the whole main display";
-    for (int i = 0; i < 8; ++i) {
-        // The mean of a 16x16 square in the patch's middle.
-        const int cx = (i % 4) * pw + pw / 2, cy = (i / 4) * ph + ph / 2;
-        double sum[3] = {};
-        for (int y = cy - 8; y < cy + 8; ++y)
-            for (int x = cx - 8; x < cx + 8; ++x)
-                for (int c = 0; c < 3; ++c) sum[c] += uint8_t((*rgb)[(qsizetype(y) * sw + x) * 3 + c]);
-        for (int c = 0; c < 3; ++c) EXPECT_NEAR(sum[c] / 256, patches[i][c], 6) << "patch " << i << " channel " << c;
-    }
+    EXPECT_EQ(QJsonDocument(vs).toJson(QJsonDocument::Compact),
+              QString(R"({"color_range":"tv","color_space":"bt709","height":%1,"width":%2})").arg(sh).arg(sw).toUtf8());
+    // The mean of 16x16 pixels of frame 40 (away from the pointer in the middle), well after the
+    // colour was on the screen.
+    const QString filters = "select=eq(n\\,40),crop=16:16:32:32,scale=1:1:flags=area";
+    const auto rgb = test::ChildProcess::run("ffmpeg", {"-v", "error", "-i", file, "-vf", filters, "-frames:v", "1", "-f", "rawvideo",
+                                                        "-pix_fmt", "rgb24", "-"});
+    ASSERT_TRUE(rgb && rgb->size() == 3);
+    for (int c = 0; c < 3; ++c) EXPECT_NEAR(uint8_t(rgb->at(c)), colour[c], 6) << "channel " << c;
 
     // Losing the receiver (no channel left to tell it on) and the application's stop: audio
     // is off at once, the bridge stops, and the next cast has its own.
