@@ -1,5 +1,5 @@
-// The live encoder bridge: its states and flags against the push API, and the audio time
-// split. Casts through it to the reference receiver are in the capture session's tests.
+// The live encoder bridge: its states and flags against the push API (casts through it are
+// the capture session's tests).
 #include "push/bridge/camera_encoder.h"
 #include "media_test_support.h"
 #include "support/loopback_peer.h"
@@ -9,23 +9,6 @@
 using namespace velocast::capture;
 using namespace velocast::test;
 using velocast::push::CameraEncoder;
-
-TEST(CameraEncoder, SplitsAudioTimesIntoSecondsAndMicroseconds)
-{
-    uint32_t s = 0, us = 0;
-    CameraEncoder::splitAudioTimestamp(MediaTime::make(12345678, 1000000), &s, &us);
-    EXPECT_EQ(s, 12u);
-    EXPECT_TRUE(us == 345677u || us == 345678u) << us;
-    CameraEncoder::splitAudioTimestamp(MediaTime::make(1024 * 441, 44100), &s, &us);
-    EXPECT_EQ(s, 10u);
-    EXPECT_EQ(us, 240000u);
-    // Times that do not fit the unsigned fields give zeros rather than undefined conversions.
-    for (const MediaTime t : {MediaTime::make(-1, 44100), MediaTime(), MediaTime::make(int64_t(1) << 40, 1)}) {
-        CameraEncoder::splitAudioTimestamp(t, &s, &us);
-        EXPECT_EQ(s, 0u);
-        EXPECT_EQ(us, 0u);
-    }
-}
 
 TEST(CameraEncoder, StatesAndFlagsFollowStartStopAndBackground)
 {
