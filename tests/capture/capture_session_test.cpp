@@ -212,9 +212,6 @@ struct CastRig {
     MacScreenCapture capture;
 };
 
-#define REQUIRE_DISPLAY()                                                                                                   \
-    if (!std::getenv("DISPLAY")) GTEST_SKIP() << "no X display (DISPLAY is not set; scripts/test.sh starts Xvfb)"
-
 // Sockets here trying to connect to that port (SYN_SENT in /proc/net/tcp).
 int connectsPendingTo(uint16_t port)
 {
@@ -258,7 +255,7 @@ struct DeliveryGate : capture::H264OutputObserver {
 // the second without an audio input (the sound server is not there): video only.
 TEST(MacScreenCaptureCast, BlockingCastWorkLeavesTheWindowRunning)
 {
-    REQUIRE_DISPLAY();
+    if (!std::getenv("DISPLAY")) GTEST_SKIP() << "no X display (DISPLAY is not set; scripts/test.sh starts Xvfb)";
     DeliveryGate gate; // outlives the encoder
     CastRig rig;
     REQUIRE_LINK(rig.link);
@@ -313,7 +310,7 @@ TEST(MacScreenCaptureCast, BlockingCastWorkLeavesTheWindowRunning)
 // each other ending stops a cast and the next allow builds a fresh bridge; no violation.
 TEST(MacScreenCaptureCast, CastArrivesAsShownFollowsTheReceiverAndEachEnding)
 {
-    REQUIRE_DISPLAY();
+    if (!std::getenv("DISPLAY")) GTEST_SKIP() << "no X display (DISPLAY is not set; scripts/test.sh starts Xvfb)";
     if (!std::getenv("PULSE_SERVER")) GTEST_SKIP() << "no PulseAudio server (PULSE_SERVER is not set; scripts/test.sh starts one)";
     if (!velocast::test::haveFfprobe() || QStandardPaths::findExecutable("ffmpeg").isEmpty()) GTEST_SKIP() << "no ffmpeg here";
     const int colour[3] = {200, 120, 40}; // no grey: a swap of red and blue or a wrong matrix shows

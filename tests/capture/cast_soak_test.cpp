@@ -52,11 +52,6 @@ Usage usage()
     return u;
 }
 
-std::ostream &operator<<(std::ostream &os, const Usage &u)
-{
-    return os << u.fds << " descriptors, " << u.threads << " threads, " << u.rssKb / 1024 << " MB resident (" << u.heapKb / 1024 << " MB of it heap in use)";
-}
-
 struct PanelView : ConnectionSessionView {
     void reSetTextFields() override { }
     void setLoadingVisible(bool) override { }
@@ -138,13 +133,14 @@ TEST(CastSoak, HundredCastsLeaveDescriptorsThreadsAndMemoryFlat)
             // Settled: queued releases on the main thread have run.
             velocast::test::spinFor(200ms);
             base = usage();
-            std::cout << "after " << warmUp << " casts: " << base << std::endl;
         }
     }
     // Threads that end with a cast may take a moment to be gone.
     waitUntil([&] { const Usage u = usage(); return u.fds <= base.fds && u.threads <= base.threads; }, 10s);
     const Usage end = usage();
-    std::cout << "after " << cycles << " casts: " << end << std::endl;
+    std::cout << "after " << warmUp << " then " << cycles << " casts: " << base.fds << " then " << end.fds << " descriptors, "
+              << base.threads << " then " << end.threads << " threads, " << base.rssKb / 1024 << " then " << end.rssKb / 1024
+              << " MB resident, " << base.heapKb / 1024 << " then " << end.heapKb / 1024 << " MB of heap in use" << std::endl;
     EXPECT_EQ(end.fds, base.fds);
     // Idle pool threads may end after the warm-up's reading, never more may run.
     EXPECT_LE(end.threads, base.threads);
