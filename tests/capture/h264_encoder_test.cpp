@@ -12,8 +12,7 @@
 using namespace velocast::capture;
 using namespace velocast::test;
 
-// Disabled, pictures are dropped silently; then the chain falls through to the first
-// software encoder (no device here); with no usable encoder at all, each picture logs.
+// Disabled: pictures dropped silently; then the first software encoder; with none usable, a log each.
 TEST(H264HWEncoder, SoftwareFallbackMakesConstrainedBaselineWithShortGops)
 {
     if (!haveFfprobe()) GTEST_SKIP() << "ffprobe (Debian package ffmpeg) is not installed";
@@ -70,8 +69,6 @@ TEST(H264HWEncoder, SoftwareFallbackMakesConstrainedBaselineWithShortGops)
     EXPECT_EQ(s.value("height").toInt(), 240);
     EXPECT_EQ(s.value("has_b_frames").toInt(), 0);
     EXPECT_EQ(s.value("nb_read_frames").toString(), QString::number(kFrames));
-    const QJsonArray frames = ffprobeFrames(file, "pict_type");
-    for (const auto &f : frames) EXPECT_NE(f.toObject().value("pict_type").toString(), "B");
 }
 
 TEST(H264HWEncoder, LiveRateChangeTakesEffectAndEveryOneSecondWindowStaysUnderTheCap)

@@ -74,9 +74,4 @@ QJsonObject ffprobeStream(const QString &file, const QString &entries)
     return o.contains("error") ? o : o.value("streams").toArray().first().toObject();
 }
 
-QJsonArray ffprobeFrames(const QString &file, const QString &entries)
-{
-    return runFfprobe({"-v", "error", "-show_entries", "frame=" + entries, "-of", "json", file}).value("frames").toArray();
-}
-
 } // namespace velocast::test

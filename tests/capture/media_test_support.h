@@ -15,8 +15,7 @@
 
 namespace velocast::test {
 
-// An NV12 picture: a gradient that moves with index, plus per-pixel noise when noisy (which
-// makes every frame expensive to code, so that the rate control is what limits the size).
+// An NV12 gradient moving with index; noisy pictures are expensive to code (rate control limits).
 capture::MediaSample makeNv12(int width, int height, int index, bool noisy = false);
 
 struct NalUnit {
@@ -74,8 +73,7 @@ public:
     }
 };
 
-// Feeds count pictures one at a time, each after the previous one came out, so that the
-// encoder's drop-oldest queue never drops one. Returns false on a time-out.
+// Feeds pictures one at a time, each once the last came out (the queue drops none); false on a time-out.
 bool encodePaced(capture::H264HWEncoder &encoder, PacketCollector &out, int width, int height, int count, int firstIndex = 0,
                  bool noisy = false);
 
@@ -85,7 +83,5 @@ bool writePackets(const QString &path, const std::vector<EncodedPacket> &packets
 bool haveFfprobe();
 // The first stream's entries, or {"error": text}.
 QJsonObject ffprobeStream(const QString &file, const QString &entries);
-// One object per decoded frame with the given entries (e.g. "key_frame,pict_type,width").
-QJsonArray ffprobeFrames(const QString &file, const QString &entries);
 
 } // namespace velocast::test

@@ -29,9 +29,8 @@ Bt709Pixel exactBt709(Rgb c)
 const Rgb kColours[] = {{0, 0, 0}, {255, 255, 255}, {128, 128, 128}, {255, 0, 0}, {0, 255, 0}, {0, 0, 255},
                         {255, 255, 0}, {0, 255, 255}, {255, 0, 255}, {200, 120, 40}, {17, 89, 201}};
 
-// Patches of each colour, 4x4 pixels, in pictures of even and odd sizes: every sample is
-// within rounding of the matrix, and nothing is written past the planes (the guard bytes
-// after each row keep their value).
+// 4x4 patches of each colour in pictures of even and odd sizes: every sample within rounding of
+// the matrix, nothing written past the planes (the guard bytes after each row stay).
 TEST(Nv12Converter, PicturesMatchTheBt709VideoRangeMatrix)
 {
     struct Size {
