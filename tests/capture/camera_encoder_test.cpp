@@ -1,63 +1,19 @@
-// The live encoder bridge: its states and flags against the push API, and the audio time
-// split. Casts through it to the reference receiver are in the capture session's tests.
+// The live encoder bridge: its states and flags against the push API (casts through it are
+// the capture session's tests).
 #include "push/bridge/camera_encoder.h"
 #include "media_test_support.h"
+#include "support/loopback_peer.h"
 
 #include <gtest/gtest.h>
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 using namespace velocast::capture;
 using namespace velocast::test;
 using velocast::push::CameraEncoder;
 
-namespace {
-
-using StateRecorder = Collector<int32_t>;
-
-// A loopback port with nothing listening on it.
-uint16_t closedPort()
-{
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0) return 0;
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    uint16_t port = 0;
-    // Bound but never listening, then closed: connects to it are refused at once.
-    if (::bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 && ::getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) == 0)
-        port = ntohs(a.sin_port);
-    ::close(fd);
-    return port;
-}
-
-} // namespace
-
-TEST(CameraEncoder, SplitsAudioTimesIntoSecondsAndMicroseconds)
-{
-    uint32_t s = 0, us = 0;
-    CameraEncoder::splitAudioTimestamp(MediaTime::make(12345678, 1000000), &s, &us);
-    EXPECT_EQ(s, 12u);
-    EXPECT_TRUE(us == 345677u || us == 345678u) << us;
-    CameraEncoder::splitAudioTimestamp(MediaTime::make(1024 * 441, 44100), &s, &us);
-    EXPECT_EQ(s, 10u);
-    EXPECT_EQ(us, 240000u);
-    // Times that do not fit the unsigned fields give zeros rather than undefined conversions.
-    for (const MediaTime t : {MediaTime::make(-1, 44100), MediaTime(), MediaTime::make(int64_t(1) << 40, 1)}) {
-        CameraEncoder::splitAudioTimestamp(t, &s, &us);
-        EXPECT_EQ(s, 0u);
-        EXPECT_EQ(us, 0u);
-    }
-}
-
 TEST(CameraEncoder, StatesAndFlagsFollowStartStopAndBackground)
 {
     LogRecorder log;
-    StateRecorder states;
+    Collector<int32_t> states;
     auto camera = std::make_unique<CameraEncoder>();
     camera->setStateBlock([&](int32_t s) { states.add(s); });
     EXPECT_TRUE(camera->foreEnable());
@@ -73,7 +29,7 @@ TEST(CameraEncoder, StatesAndFlagsFollowStartStopAndBackground)
     EXPECT_TRUE(log.lines().contains("handle null"));
 
     // Nothing listens: the connect fails inside the push API, but the bridge is living.
-    const uint16_t port = closedPort();
+    const uint16_t port = refusedPort();
     ASSERT_NE(port, 0);
     camera->startLiving("127.0.0.1", port, port + 1);
     EXPECT_TRUE(camera->isRunning());

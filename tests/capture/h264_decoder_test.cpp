@@ -1,6 +1,5 @@
-// The H.264 decoder: the encoder's own output decoded back to pictures, and its parsing
-// rules on crafted frames (run under ASan: no hostile frame may read out of bounds; the
-// frame scan's fuzz target tries the rest).
+// The H.264 decoder: the encoder's own output decoded back to pictures, and its parsing rules
+// on crafted frames (hostile and truncated frames are the frame scan's fuzz target's).
 #include "push/bridge/h264_hw_decoder.h"
 #include "media_test_support.h"
 
@@ -19,17 +18,6 @@ struct PictureCollector final : H264HWDecoderDelegate, Collector<MediaSample> {
     void displayDecodedFrame(const MediaSample &image) override { add(image); }
 };
 
-std::vector<EncodedPacket> encodeClip(int frames, int width, int height)
-{
-    PacketCollector out;
-    H264HWEncoder encoder;
-    encoder.setDelegate(&out);
-    encoder.setOutputSize({double(width), double(height)});
-    EXPECT_TRUE(encodePaced(encoder, out, width, height, frames));
-    encoder.invalidate();
-    return out.items();
-}
-
 const Bytes kStartCode{0x00, 0x00, 0x00, 0x01};
 
 Bytes startCode(std::initializer_list<uint8_t> nal)
@@ -39,21 +27,19 @@ Bytes startCode(std::initializer_list<uint8_t> nal)
     return b;
 }
 
-Bytes join(std::initializer_list<Bytes> parts)
-{
-    Bytes all;
-    for (const Bytes &p : parts) all.insert(all.end(), p.begin(), p.end());
-    return all;
-}
-
 void feed(H264HWDecoder &decoder, const Bytes &frame) { decoder.receivedRawVideoFrame(frame.data(), uint32_t(frame.size()), false); }
 
 } // namespace
 
-TEST(H264HWDecoder, DecodesTheEncodersOwnOutput)
+TEST(H264HWDecoder, DecodesTheEncodersOwnOutputAndFollowsItsParsingRules)
 {
-    const auto packets = encodeClip(40, 320, 240);
-    ASSERT_EQ(packets.size(), 40u);
+    PacketCollector encoded;
+    H264HWEncoder encoder;
+    encoder.setDelegate(&encoded);
+    encoder.setOutputSize({320, 240});
+    ASSERT_TRUE(encodePaced(encoder, encoded, 320, 240, 40));
+    encoder.invalidate();
+    const auto packets = encoded.items();
     for (const std::vector<std::string> &chain : {std::vector<std::string>{}, std::vector<std::string>{"openh264dec"}}) {
         if (!chain.empty() && !elementExists(chain[0].c_str())) continue;
         PictureCollector out;
@@ -80,12 +66,7 @@ TEST(H264HWDecoder, DecodesTheEncodersOwnOutput)
             EXPECT_LT(difference / (320 * 240), 6.0) << "picture " << i;
         }
     }
-}
 
-TEST(H264HWDecoder, FollowsItsParsingRulesAndRefusesShortFrames)
-{
-    const auto packets = encodeClip(2, 160, 120);
-    ASSERT_EQ(packets.size(), 2u);
     ASSERT_TRUE(packets[0].key);
     const auto units = splitAnnexB(packets[0].bytes);
     ASSERT_GE(units.size(), 3u);
@@ -99,15 +80,6 @@ TEST(H264HWDecoder, FollowsItsParsingRulesAndRefusesShortFrames)
     feed(decoder, startCode({0x41, 0x9A, 0x02, 0x03}));
     EXPECT_FALSE(decoder.hasFormatDesc());
     EXPECT_FALSE(decoder.hasDecompressionSession());
-    EXPECT_TRUE(decoder.lastSubmittedSample().empty());
-
-    // An SPS of 40 bytes is not delimited within the search window: the next header is taken
-    // at position 4 (the SPS itself), so nothing is decoded.
-    Bytes longSps{0x67, 0x42, 0xC0, 0x1E};
-    longSps.resize(40, 0x11);
-    const Bytes longSpsFrame = join({kStartCode, longSps, startCode({0x68, 0xCE, 0x3C, 0x80}), startCode({0x65, 0x88, 0x84, 0x00})});
-    feed(decoder, longSpsFrame);
-    EXPECT_FALSE(decoder.hasFormatDesc());
     EXPECT_TRUE(decoder.lastSubmittedSample().empty());
 
     // A real key frame: SPS and PPS found, the session made, the IDR part submitted with its
@@ -125,10 +97,6 @@ TEST(H264HWDecoder, FollowsItsParsingRulesAndRefusesShortFrames)
     EXPECT_EQ(idrLength, idrSample.size() - 4);
     EXPECT_TRUE(std::equal(idrSample.begin() + 4, idrSample.end(), packets[0].bytes.begin() + std::ptrdiff_t(idrOffset) + 4));
 
-    // With a format in place the long SPS still decodes nothing.
-    feed(decoder, longSpsFrame);
-    EXPECT_EQ(decoder.lastSubmittedSample().size(), idrSample.size());
-
     // A non-IDR frame of 1,000 bytes is decoded from all 1,000 with the length prefix 996.
     Bytes slice = startCode({0x41});
     slice.resize(1000, 0x5A);
@@ -137,22 +105,4 @@ TEST(H264HWDecoder, FollowsItsParsingRulesAndRefusesShortFrames)
     ASSERT_EQ(sample.size(), 1000u);
     EXPECT_EQ(Bytes(sample.begin(), sample.begin() + 5), (Bytes{0x00, 0x00, 0x03, 0xE4, 0x41}));
     EXPECT_TRUE(std::equal(sample.begin() + 4, sample.end(), slice.begin() + 4));
-
-    // Frames too short for their headers, each ending where the parser would otherwise read on.
-    feed(decoder, packets[0].bytes);
-    const Bytes sps = decoder.formatSps();
-    LogRecorder log;
-    const Bytes cases[] = {
-        {},
-        {0x00, 0x00, 0x00, 0x01},
-        startCode({0x67}),                                               // SPS header only
-        join({kStartCode, sps, {0x00, 0x00, 0x00, 0x01}}),            // start code behind the SPS, nothing after
-        join({kStartCode, sps, startCode({0x68})}),                   // PPS header only
-        join({kStartCode, sps, startCode({0x68, 0xCE}), {0x00, 0x00}}), // PPS cut inside a start code
-        startCode({0x68, 0xCE, 0x3C, 0x80}),                             // PPS alone: the old SPS size points past it
-        join({kStartCode, sps, startCode({0x68, 0xCE, 0x3C, 0x80}), startCode({0x65})}), // IDR header only
-        startCode({0x41}),                                               // a slice of one byte
-    };
-    for (const Bytes &frame : cases) feed(decoder, frame);
-    EXPECT_FALSE(log.lines().filter("dropped").isEmpty());
 }

@@ -1,75 +1,67 @@
-// The H.264 encoder with the software fallback, checked against real decoders (ffprobe):
-// profile, GOP, parameter sets on key frames, frame count, size changes, live rate changes
-// and the per-second byte cap. Hardware encoders cannot run here; their test skips.
+// The H.264 encoder's software fallback against ffprobe: profile, GOP, parameter sets on key
+// frames, frame count, live rate changes and the per-second byte cap.
 #include "capture/h264_hw_encoder.h"
 #include "media_test_support.h"
 #include "support/test_support.h"
 
 #include <QDir>
 #include <QJsonDocument>
-#include <QStringList>
 
 #include <gtest/gtest.h>
 
 using namespace velocast::capture;
 using namespace velocast::test;
 
-namespace {
-
-QString tempFile(const char *name) { return QDir(freshTempDir()).filePath(name); }
-
-// Checks what every packet must look like and returns the key-frame indices.
-std::vector<size_t> checkAnnexBStructure(const std::vector<EncodedPacket> &packets)
-{
-    std::vector<size_t> keys;
-    for (size_t i = 0; i < packets.size(); ++i) {
-        const auto units = splitAnnexB(packets[i].bytes);
-        // splitAnnexB skips bytes before the first four-byte start code: there must be none.
-        EXPECT_TRUE(!units.empty() && units[0].offset == 4) << "packet " << i << " starts with a four-byte start code";
-        if (packets[i].key) keys.push_back(i);
-        for (size_t k = 0; k < units.size(); ++k) {
-            // Key packets: SPS, PPS, then IDR slices; the others only non-IDR slices.
-            const int want = !packets[i].key ? 1 : k == 0 ? 7 : k == 1 ? 8 : 5;
-            EXPECT_EQ(units[k].type, want) << "unit " << k << " of " << (packets[i].key ? "key " : "") << "packet " << i;
-        }
-        EXPECT_TRUE(!packets[i].key || units.size() >= 3) << "key packet " << i << " without SPS, PPS and a slice";
-    }
-    return keys;
-}
-
-} // namespace
-
+// Disabled: pictures dropped silently; then the first software encoder; with none usable, a log each.
 TEST(H264HWEncoder, SoftwareFallbackMakesConstrainedBaselineWithShortGops)
 {
     if (!haveFfprobe()) GTEST_SKIP() << "ffprobe (Debian package ffmpeg) is not installed";
-    LogRecorder log;
     PacketCollector out;
     H264HWEncoder encoder;
     encoder.setDelegate(&out);
     encoder.setOutputSize({320, 240});
+    LogRecorder log;
+    encoder.setUnable(true);
+    for (int i = 0; i < 5; ++i) encoder.encode(makeNv12(320, 240, i));
+    EXPECT_FALSE(encoder.hasSession());
+    EXPECT_TRUE(log.lines().isEmpty()) << log.lines().join('\n').toStdString();
+    encoder.setUnable(false);
     constexpr int kFrames = 75;
     ASSERT_TRUE(encodePaced(encoder, out, 320, 240, kFrames));
     encoder.invalidate();
     EXPECT_FALSE(encoder.hasSession());
-
-    // No device here, so the chain falls through to the first software encoder.
     EXPECT_EQ(encoder.chosenEncoderName(), "x264enc");
     EXPECT_FALSE(encoder.chosenEncoderIsHardware());
     for (const char *line : {"VTencode session null", "Init VTencode session", "set bitrate   return: 0", "setframeStatus:0",
                              "start encode  return: 0", "H.264 encoder: x264enc (software), 320x240"})
         EXPECT_TRUE(log.lines().contains(line)) << line << "\n" << log.lines().join('\n').toStdString();
 
+    encoder.setEncoderChain({"no-such-encoder"});
+    encoder.encode(makeNv12(320, 240, 0));
+    encoder.encode(makeNv12(320, 240, 1));
+    EXPECT_FALSE(encoder.hasSession());
+    EXPECT_EQ(log.lines().count("VT encode Error"), 2);
     const auto packets = out.items();
     ASSERT_EQ(packets.size(), size_t(kFrames));
     for (size_t i = 0; i < packets.size(); ++i)
         EXPECT_EQ(packets[i].timestamp.toNanoseconds(), makeNv12(2, 2, int(i)).presentationTime().toNanoseconds()) << i;
-    const auto keys = checkAnnexBStructure(packets);
+    // Key packets: SPS, PPS, then IDR slices; the others only non-IDR slices; no bytes before
+    // the first four-byte start code (the splitter skips them).
+    std::vector<size_t> keys;
+    for (size_t i = 0; i < packets.size(); ++i) {
+        const auto units = splitAnnexB(packets[i].bytes);
+        EXPECT_TRUE(!units.empty() && units[0].offset == 4) << "packet " << i;
+        EXPECT_TRUE(!packets[i].key || units.size() >= 3) << "key packet " << i << " without SPS, PPS and a slice";
+        if (packets[i].key) keys.push_back(i);
+        for (size_t k = 0; k < units.size(); ++k)
+            EXPECT_EQ(units[k].type, !packets[i].key ? 1 : k == 0 ? 7 : k == 1 ? 8 : 5) << "unit " << k << " of packet " << i;
+    }
     ASSERT_FALSE(keys.empty());
     EXPECT_EQ(keys.front(), 0u);
     for (size_t k = 1; k < keys.size(); ++k) EXPECT_LE(keys[k] - keys[k - 1], 30u);
     EXPECT_LE(kFrames - keys.back(), 30u);
 
-    const QString file = tempFile("video.h264");
+    const QString file = QDir(freshTempDir()).filePath("video.h264");
     ASSERT_TRUE(writePackets(file, packets));
     const QJsonObject s = ffprobeStream(file, "codec_name,profile,width,height,has_b_frames,nb_read_frames");
     EXPECT_EQ(s.value("profile").toString(), "Constrained Baseline") << QJsonDocument(s).toJson().constData();
@@ -77,44 +69,6 @@ TEST(H264HWEncoder, SoftwareFallbackMakesConstrainedBaselineWithShortGops)
     EXPECT_EQ(s.value("height").toInt(), 240);
     EXPECT_EQ(s.value("has_b_frames").toInt(), 0);
     EXPECT_EQ(s.value("nb_read_frames").toString(), QString::number(kFrames));
-    const QJsonArray frames = ffprobeFrames(file, "pict_type");
-    for (const auto &f : frames) EXPECT_NE(f.toObject().value("pict_type").toString(), "B");
-}
-
-TEST(H264HWEncoder, DefaultSizeIsPortraitAndASizeChangeStartsANewStreamWithAKeyFrame)
-{
-    if (!haveFfprobe()) GTEST_SKIP() << "ffprobe (Debian package ffmpeg) is not installed";
-    PacketCollector out;
-    H264HWEncoder encoder;
-    encoder.setDelegate(&out);
-    // No setOutputSize: the first session is 1080 x 1920.
-    ASSERT_TRUE(encodePaced(encoder, out, 320, 240, 2));
-    // The bridge's order: disable, resize, enable; the next picture builds the new session.
-    encoder.setUnable(true);
-    encoder.setOutputSize({160.9, 121}); // truncated to 160, and odd sizes to the even one below
-    encoder.setUnable(false);
-    EXPECT_FALSE(encoder.hasSession());
-    ASSERT_TRUE(encodePaced(encoder, out, 320, 240, 5, 2));
-    // A new input format also needs a new session, at the same output size.
-    ASSERT_TRUE(encodePaced(encoder, out, 640, 480, 3, 7));
-    encoder.invalidate();
-
-    const auto packets = out.items();
-    ASSERT_EQ(packets.size(), 10u);
-    EXPECT_TRUE(packets[0].key);
-    EXPECT_TRUE(packets[2].key) << "the resized stream starts with a key frame";
-    EXPECT_TRUE(packets[7].key) << "so does the stream of the new input format";
-    checkAnnexBStructure(packets);
-
-    const QString file = tempFile("resized.h264");
-    ASSERT_TRUE(writePackets(file, packets));
-    const QJsonArray frames = ffprobeFrames(file, "width,height,key_frame");
-    ASSERT_EQ(frames.size(), 10);
-    for (int i = 0; i < 10; ++i) {
-        const QJsonObject f = frames[i].toObject();
-        EXPECT_EQ(f.value("width").toInt(), i < 2 ? 1080 : 160) << "frame " << i;
-        EXPECT_EQ(f.value("height").toInt(), i < 2 ? 1920 : 120) << "frame " << i;
-    }
 }
 
 TEST(H264HWEncoder, LiveRateChangeTakesEffectAndEveryOneSecondWindowStaysUnderTheCap)
@@ -148,106 +102,11 @@ TEST(H264HWEncoder, LiveRateChangeTakesEffectAndEveryOneSecondWindowStaysUnderTh
         const size_t cap = (start < size_t(kPhase) ? 600000 : 200000) / 4;
         EXPECT_LE(bytes, cap) << "window starting at frame " << start;
     }
-    // The average of each phase's last three seconds against its target.
-    auto averageBitsPerSecond = [&](size_t from) {
+    // Each phase's last three seconds average near its rate: noise keeps the encoder at it.
+    for (const auto &[end, rate, least] : {std::tuple{kPhase, 600000.0, 0.7}, {2 * kPhase, 200000.0, 0.5}}) {
         size_t bytes = 0;
-        for (size_t i = from; i < from + 90; ++i) bytes += packets[i].bytes.size();
-        return double(bytes) * 8 / 3;
-    };
-    const double before = averageBitsPerSecond(kPhase - 90);
-    const double after = averageBitsPerSecond(2 * kPhase - 90);
-    EXPECT_GT(before, 0.7 * 600000) << "noise keeps the encoder at its rate";
-    EXPECT_LT(before, 1.3 * 600000);
-    EXPECT_GT(after, 0.5 * 200000);
-    EXPECT_LT(after, 1.3 * 200000);
-}
-
-TEST(H264HWEncoder, LastFallbackRebuildsItsSessionForARateChange)
-{
-    if (!elementExists("openh264enc")) GTEST_SKIP() << "openh264enc (libopenh264-7) is not installed";
-    if (!haveFfprobe()) GTEST_SKIP() << "ffprobe (Debian package ffmpeg) is not installed";
-    PacketCollector out;
-    H264HWEncoder encoder;
-    encoder.setDelegate(&out);
-    encoder.setEncoderChain({"openh264enc"});
-    encoder.setOutputSize({320, 240});
-    ASSERT_TRUE(encodePaced(encoder, out, 320, 240, 10));
-    EXPECT_EQ(encoder.chosenEncoderName(), "openh264enc");
-    encoder.changeBitrate(500000);
-    EXPECT_FALSE(encoder.hasSession()) << "openh264enc cannot change its rate live";
-    ASSERT_TRUE(encodePaced(encoder, out, 320, 240, 10, 10));
-    encoder.invalidate();
-
-    const auto packets = out.items();
-    ASSERT_EQ(packets.size(), 20u);
-    EXPECT_TRUE(packets[10].key) << "the rebuilt session starts with a key frame";
-    checkAnnexBStructure(packets);
-    const QString file = tempFile("openh264.h264");
-    ASSERT_TRUE(writePackets(file, packets));
-    const QJsonObject s = ffprobeStream(file, "profile,has_b_frames,nb_read_frames");
-    EXPECT_EQ(s.value("profile").toString(), "Constrained Baseline") << QJsonDocument(s).toJson().constData();
-    EXPECT_EQ(s.value("nb_read_frames").toString(), "20");
-}
-
-TEST(H264HWEncoder, DisabledEncoderDropsPicturesSilently)
-{
-    LogRecorder log;
-    PacketCollector out;
-    H264HWEncoder encoder;
-    encoder.setDelegate(&out);
-    encoder.setUnable(true);
-    for (int i = 0; i < 5; ++i) encoder.encode(makeNv12(64, 48, i));
-    EXPECT_FALSE(encoder.hasSession());
-    EXPECT_TRUE(log.lines().isEmpty()) << log.lines().join('\n').toStdString();
-
-    // No usable encoder at all: logged, and tried again with the next picture.
-    encoder.setUnable(false);
-    encoder.setEncoderChain({"no-such-encoder"});
-    encoder.encode(makeNv12(64, 48, 0));
-    encoder.encode(makeNv12(64, 48, 1));
-    EXPECT_FALSE(encoder.hasSession());
-    EXPECT_EQ(log.lines().count("VT encode Error"), 2);
-    EXPECT_EQ(out.count(), 0u);
-}
-
-TEST(H264HWEncoder, HardwareEncoderWhereADeviceExists)
-{
-    std::vector<std::string> hardware;
-    for (const char *name : h264EncoderChain())
-        if (std::string(name) != "x264enc" && std::string(name) != "openh264enc" && elementExists(name)) hardware.emplace_back(name);
-    if (hardware.empty()) GTEST_SKIP() << "no hardware H.264 encoder registered here (no VA-API, NVENC or V4L2 device)";
-    PacketCollector out;
-    H264HWEncoder encoder;
-    encoder.setDelegate(&out);
-    encoder.setEncoderChain(hardware);
-    encoder.setOutputSize({320, 240});
-    ASSERT_TRUE(encodePaced(encoder, out, 320, 240, 31));
-    encoder.invalidate();
-    EXPECT_TRUE(encoder.chosenEncoderIsHardware());
-    const auto keys = checkAnnexBStructure(out.items());
-    ASSERT_GE(keys.size(), 2u);
-    EXPECT_LE(keys[1] - keys[0], 30u);
-}
-
-// What the encoder settings rely on to see a value the element did not take.
-TEST(GstProperties, SettersReportValuesTheElementDidNotTake)
-{
-    ensureGstreamer();
-    if (!elementExists("x264enc")) GTEST_SKIP() << "no x264enc here";
-    auto *e = GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("x264enc", nullptr)));
-    struct Case {
-        const char *name;
-        int (*set)(GstElement *);
-        int result;
-    };
-    const Case cases[] = {
-        {"int in range", [](GstElement *x) { return setIntProperty(x, "key-int-max", 30); }, 0},
-        {"int clamped", [](GstElement *x) { return setIntProperty(x, "bframes", 1000); }, kPropertyNotTaken},
-        {"enum by nick", [](GstElement *x) { return setArgProperty(x, "speed-preset", "ultrafast"); }, 0},
-        {"flags by nick", [](GstElement *x) { return setArgProperty(x, "tune", "zerolatency"); }, 0},
-        {"enum nick unknown", [](GstElement *x) { return setArgProperty(x, "speed-preset", "warp"); }, kPropertyNotTaken},
-        {"no such property", [](GstElement *x) { return setArgProperty(x, "gop-size", "30"); }, -1},
-    };
-    for (const Case &c : cases) EXPECT_EQ(c.set(e), c.result) << c.name;
-    gst_object_unref(e);
+        for (int i = end - 90; i < end; ++i) bytes += packets[size_t(i)].bytes.size();
+        EXPECT_GT(double(bytes) * 8 / 3, least * rate) << rate;
+        EXPECT_LT(double(bytes) * 8 / 3, 1.3 * rate) << rate;
+    }
 }

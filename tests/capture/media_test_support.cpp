@@ -50,22 +50,6 @@ bool encodePaced(capture::H264HWEncoder &encoder, PacketCollector &out, int widt
     return true;
 }
 
-LogRecorder::LogRecorder()
-{
-    previous_ = setLogTap([this](const char *, const QString &text) {
-        std::lock_guard lock(mutex_);
-        lines_ << text;
-    });
-}
-
-LogRecorder::~LogRecorder() { setLogTap(previous_); }
-
-QStringList LogRecorder::lines() const
-{
-    std::lock_guard lock(mutex_);
-    return lines_;
-}
-
 bool writePackets(const QString &path, const std::vector<EncodedPacket> &packets)
 {
     QFile f(path);
@@ -77,28 +61,17 @@ bool writePackets(const QString &path, const std::vector<EncodedPacket> &packets
 
 bool haveFfprobe() { return !QStandardPaths::findExecutable("ffprobe").isEmpty(); }
 
-namespace {
-
-QJsonObject runFfprobe(const QStringList &args)
+// Its complaints go to the test's own error output.
+static QJsonObject runFfprobe(const QStringList &args)
 {
-    // Its complaints go to the test's own error output.
     const auto out = ChildProcess::run("ffprobe", args);
-    if (!out) return {{"error", "ffprobe failed"}};
-    return QJsonDocument::fromJson(*out).object();
+    return out ? QJsonDocument::fromJson(*out).object() : QJsonObject{{"error", "ffprobe failed"}};
 }
-
-} // namespace
 
 QJsonObject ffprobeStream(const QString &file, const QString &entries)
 {
     const QJsonObject o = runFfprobe({"-v", "error", "-count_frames", "-show_entries", "stream=" + entries, "-of", "json", file});
-    if (o.contains("error")) return o;
-    return o.value("streams").toArray().first().toObject();
-}
-
-QJsonArray ffprobeFrames(const QString &file, const QString &entries)
-{
-    return runFfprobe({"-v", "error", "-show_entries", "frame=" + entries, "-of", "json", file}).value("frames").toArray();
+    return o.contains("error") ? o : o.value("streams").toArray().first().toObject();
 }
 
 } // namespace velocast::test

@@ -1,28 +1,21 @@
 // Helpers shared by the media tests: synthetic pictures, an Annex-B splitter, a collecting
-// encoder delegate, a log recorder, and ffprobe as an independent decoder.
+// encoder delegate, and ffprobe as an independent decoder.
 #pragma once
 
 #include "capture/h264_hw_encoder.h"
 #include "capture/media_sample.h"
 
-#include "common/log.h"
+#include "support/log_recorder.h"
 
 #include <QJsonArray>
 #include <QJsonObject>
-#include <QString>
-#include <QStringList>
 
-#include <chrono>
 #include <condition_variable>
-#include <cstdint>
-#include <mutex>
 #include <span>
-#include <vector>
 
 namespace velocast::test {
 
-// An NV12 picture: a gradient that moves with index, plus per-pixel noise when noisy (which
-// makes every frame expensive to code, so that the rate control is what limits the size).
+// An NV12 gradient moving with index; noisy pictures are expensive to code (rate control limits).
 capture::MediaSample makeNv12(int width, int height, int index, bool noisy = false);
 
 struct NalUnit {
@@ -39,10 +32,8 @@ class Collector {
 public:
     void add(T item)
     {
-        {
-            std::lock_guard lock(mutex_);
-            items_.push_back(std::move(item));
-        }
+        std::lock_guard lock(mutex_);
+        items_.push_back(std::move(item));
         arrived_.notify_all();
     }
     size_t count() const
@@ -82,25 +73,9 @@ public:
     }
 };
 
-// Feeds count pictures one at a time, each after the previous one came out, so that the
-// encoder's drop-oldest queue never drops one. Returns false on a time-out.
+// Feeds pictures one at a time, each once the last came out (the queue drops none); false on a time-out.
 bool encodePaced(capture::H264HWEncoder &encoder, PacketCollector &out, int width, int height, int count, int firstIndex = 0,
                  bool noisy = false);
-
-// Records the lines written through velocast::logLine while alive.
-class LogRecorder {
-public:
-    LogRecorder();
-    ~LogRecorder();
-    LogRecorder(const LogRecorder &) = delete;
-    LogRecorder &operator=(const LogRecorder &) = delete;
-    QStringList lines() const;
-
-private:
-    mutable std::mutex mutex_;
-    QStringList lines_;
-    LogTap previous_;
-};
 
 // Writes the packets one after the other.
 bool writePackets(const QString &path, const std::vector<EncodedPacket> &packets);
@@ -108,7 +83,5 @@ bool writePackets(const QString &path, const std::vector<EncodedPacket> &packets
 bool haveFfprobe();
 // The first stream's entries, or {"error": text}.
 QJsonObject ffprobeStream(const QString &file, const QString &entries);
-// One object per decoded frame with the given entries (e.g. "key_frame,pict_type,width").
-QJsonArray ffprobeFrames(const QString &file, const QString &entries);
 
 } // namespace velocast::test

@@ -1,17 +1,12 @@
-// The screen's picture path: BGRx -> NV12 (BT.709, video range) checked against the
-// matrix in floating point, and the pacer that keeps the frame rate by handing
-// out the last picture again.
+// The screen's picture path: BGRx -> NV12 (BT.709, video range) against the matrix in
+// floating point, and the pacer that keeps the frame rate by handing out the last picture again.
 #include "capture/nv12_converter.h"
 #include "capture/picture_pacer.h"
 #include "media_test_support.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
-#include <cstdlib>
-#include <string>
-#include <vector>
 
 using namespace velocast::capture;
 using velocast::test::Collector;
@@ -34,9 +29,8 @@ Bt709Pixel exactBt709(Rgb c)
 const Rgb kColours[] = {{0, 0, 0}, {255, 255, 255}, {128, 128, 128}, {255, 0, 0}, {0, 255, 0}, {0, 0, 255},
                         {255, 255, 0}, {0, 255, 255}, {255, 0, 255}, {200, 120, 40}, {17, 89, 201}};
 
-// Patches of each colour, 4x4 pixels, in pictures of even and odd sizes: every sample is
-// within rounding of the matrix, and nothing is written past the planes (the guard bytes
-// after each row keep their value).
+// 4x4 patches of each colour in pictures of even and odd sizes: every sample within rounding of
+// the matrix, nothing written past the planes (the guard bytes after each row stay).
 TEST(Nv12Converter, PicturesMatchTheBt709VideoRangeMatrix)
 {
     struct Size {
@@ -64,17 +58,8 @@ TEST(Nv12Converter, PicturesMatchTheBt709VideoRangeMatrix)
 
         for (int row = 0; row < s.h; ++row)
             for (int x = 0; x < s.w; ++x) {
-                // Where a 2x2 block mixes patches the chroma is their average: only pixels
-                // whose block is one colour are compared.
+                // Patches start at multiples of 4: every 2x2 block (clamped at the edges) is one colour.
                 const Rgb c = colourAt(x, row);
-                const int bx = x & ~1, by = row & ~1;
-                bool uniform = true;
-                for (int dy = 0; dy < 2; ++dy)
-                    for (int dx = 0; dx < 2; ++dx) {
-                        const Rgb o = colourAt(std::min(bx + dx, s.w - 1), std::min(by + dy, s.h - 1));
-                        uniform = uniform && o.r == c.r && o.g == c.g && o.b == c.b;
-                    }
-                if (!uniform) continue;
                 const Bt709Pixel want = exactBt709(c);
                 const uint8_t *chroma = &uv[size_t(row / 2) * uvStride + size_t(x / 2) * 2];
                 EXPECT_LE(std::abs(y[size_t(row) * yStride + x] - want.y), 1) << x << "," << row;
@@ -134,9 +119,8 @@ TEST(PicturePacer, RepeatsTheLastPictureAtEveryTickAndReusesFreedBuffers)
         }
         if (distinct.empty() || distinct.back() != got[i].buffer) distinct.push_back(got[i].buffer);
     }
-    // A repeat is the same picture, not a copy; the second picture needs a second buffer
-    // (the first is still the one shown while it is converted); the third takes the first
-    // one back, which nobody holds any more.
+    // A repeat is the same buffer; the second picture needs a second one (the first is shown
+    // while it is converted); the third takes the first back, which nobody holds any more.
     ASSERT_EQ(distinct.size(), 3u);
     EXPECT_NE(distinct[0], distinct[1]);
     EXPECT_EQ(distinct[0], distinct[2]);
@@ -148,25 +132,6 @@ TEST(PicturePacer, RepeatsTheLastPictureAtEveryTickAndReusesFreedBuffers)
     // Refused: a size the planes cannot take.
     EXPECT_FALSE(pacer.submitBgrx(grey.data(), 8, 16, 8));
     EXPECT_EQ(pacer.stats().refused, 1u);
-}
-
-TEST(PicturePacer, PoolHandsOutOnlyBuffersNobodyHolds)
-{
-    ensureGstreamer();
-    Nv12PicturePool pool(2);
-    GstBufferPtr a = pool.acquire(16, 8), b = pool.acquire(16, 8);
-    ASSERT_TRUE(a && b);
-    EXPECT_NE(a.get(), b.get());
-    EXPECT_EQ(pool.acquire(16, 8), nullptr) << "both in use";
-    // A shallow copy (what the encoder queues) shares the memory: still in use.
-    GstBuffer *queued = gst_buffer_copy(a.get());
-    a.reset();
-    EXPECT_EQ(pool.acquire(16, 8), nullptr);
-    gst_buffer_unref(queued);
-    GstBufferPtr again = pool.acquire(16, 8);
-    ASSERT_TRUE(again);
-    EXPECT_EQ(gst_buffer_get_size(again.get()), size_t(16 * 8 * 3 / 2));
-    EXPECT_EQ(pool.acquire(1, 8), nullptr) << "no picture of that size";
 }
 
 } // namespace
