@@ -71,6 +71,36 @@ TEST(H264HWEncoder, SoftwareFallbackMakesConstrainedBaselineWithShortGops)
     EXPECT_EQ(s.value("nb_read_frames").toString(), QString::number(kFrames));
 }
 
+// The bridge resizes by disable, resize, enable: the next picture starts a new stream at the
+// new size (odd sizes to the even one below) with a key frame; so does a new input format.
+TEST(H264HWEncoder, ASizeOrFormatChangeStartsANewStreamWithAKeyFrame)
+{
+    if (!haveFfprobe()) GTEST_SKIP() << "ffprobe (Debian package ffmpeg) is not installed";
+    PacketCollector out;
+    H264HWEncoder encoder;
+    encoder.setDelegate(&out);
+    ASSERT_TRUE(encodePaced(encoder, out, 320, 240, 2)); // no size set: 1080 x 1920
+    encoder.setUnable(true);
+    encoder.setOutputSize({160.9, 121});
+    encoder.setUnable(false);
+    EXPECT_FALSE(encoder.hasSession());
+    ASSERT_TRUE(encodePaced(encoder, out, 320, 240, 5, 2));
+    ASSERT_TRUE(encodePaced(encoder, out, 640, 480, 3, 7));
+    encoder.invalidate();
+    const auto packets = out.items();
+    ASSERT_EQ(packets.size(), 10u);
+    const QString dir = freshTempDir();
+    for (const auto &[from, to, w, h] : {std::tuple{0, 2, 1080, 1920}, {2, 7, 160, 120}, {7, 10, 160, 120}}) {
+        EXPECT_TRUE(packets[size_t(from)].key) << "packet " << from;
+        const QString file = QDir(dir).filePath(QString("part%1.h264").arg(from));
+        ASSERT_TRUE(writePackets(file, {packets.begin() + from, packets.begin() + to}));
+        const QJsonObject s = ffprobeStream(file, "width,height,nb_read_frames");
+        EXPECT_EQ(s.value("width").toInt(), w) << QJsonDocument(s).toJson().constData();
+        EXPECT_EQ(s.value("height").toInt(), h);
+        EXPECT_EQ(s.value("nb_read_frames").toString(), QString::number(to - from));
+    }
+}
+
 TEST(H264HWEncoder, LiveRateChangeTakesEffectAndEveryOneSecondWindowStaysUnderTheCap)
 {
     PacketCollector out;

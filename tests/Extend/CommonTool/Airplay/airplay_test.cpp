@@ -182,6 +182,33 @@ TEST(DNSSDRegistrationWire, TxtAddressTargetAndNormalisedArguments)
     EXPECT_EQ(local.type(), QStringLiteral("_airplay._tcp."));
 }
 
+// Arguments a caller must never pass abort with the condition and where it failed.
+TEST(DNSSDRegistrationWire, BadArgumentsAbortNamingTheCondition)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const struct {
+        const char *domain, *type;
+        qint64 port;
+        const char *condition;
+    } bad[] = {
+        {".local.", "_airplay._tcp.", 7000, R"(! \[domain hasPrefix:@"\."\])"},
+        {"local.", nullptr, 7000, R"(type != nil)"},
+        {"local.", "", 7000, R"(\[type length\] != 0)"},
+        {"local.", "._airplay._tcp.", 7000, R"(! \[type hasPrefix:@"\."\])"},
+        {"local.", "_airplay._tcp.", 0, R"(port > 0)"},
+        {"local.", "_airplay._tcp.", 65536, R"(port < 65536)"},
+    };
+    for (const auto &b : bad) {
+        const QString type = b.type ? QString::fromLatin1(b.type) : QString();
+        EXPECT_DEATH(DNSSDRegistration(QString::fromLatin1(b.domain), type, QStringLiteral("n"), b.port),
+            std::string("Extend/CommonTool/Airplay/AirplayDNSRegistration/DNSSDRegistration.*\n.*") + b.condition)
+            << b.condition;
+    }
+    DNSSDRegistration r(QStringLiteral("local."), QStringLiteral("_airplay._tcp."), QStringLiteral("n"), 7000);
+    EXPECT_DEATH(r.didRegisterWithDomain(QStringLiteral("local"), QStringLiteral("n")),
+        R"(\[domain caseInsensitiveCompare:@"local"\] != NSOrderedSame)");
+}
+
 // What another process sees: SRV target, address, port and the TXT bytes in order, on this
 // machine only (a second host on the link does not see it, though it sees a service published
 // for the network); start twice publishes once; stop withdraws; start again republishes. A zero
