@@ -93,11 +93,11 @@ void LoopbackPeer::run()
         changed_.notify_all();
         lock.unlock();
         for (ssize_t n; (n = ::read(fd, buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR);)
-            if (n > 0) read(fd, buf, n);
+            if (n > 0) takeBytes(fd, buf, n);
     }
 }
 
-void LoopbackPeer::read(int fd, const char *bytes, ssize_t n)
+void LoopbackPeer::takeBytes(int fd, const char *bytes, ssize_t n)
 {
     std::unique_lock lock(mutex_);
     received_.append(bytes, n);

@@ -34,7 +34,7 @@ public:
 
 private:
     void run();
-    void read(int fd, const char *bytes, ssize_t n);
+    void takeBytes(int fd, const char *bytes, ssize_t n); // what one read brought
     template <typename T>
     T locked(const T &value) const
     {
